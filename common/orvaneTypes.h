@@ -1,0 +1,46 @@
+/*
+ * The types that every interface of the library shares: results, booleans and fixed-width
+ * integers, and the marks that an interface carries (exported, printf-like).
+ *
+ * A result is 0 (or a count) for success and a negative errno value for failure; one function
+ * or another returns a code of its own instead and says so beside its declaration.
+ */
+#ifndef ORVANE_TYPES_H
+#define ORVANE_TYPES_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+#    define OV_EXTERN_C_BEGIN extern "C" {
+#    define OV_EXTERN_C_END }
+#else
+#    define OV_EXTERN_C_BEGIN
+#    define OV_EXTERN_C_END
+#endif
+
+/* Everything declared between these two is exported by the shared library; the rest is hidden. */
+#define OV_PUBLIC_BEGIN OV_EXTERN_C_BEGIN _Pragma("GCC visibility push(default)")
+#define OV_PUBLIC_END _Pragma("GCC visibility pop") OV_EXTERN_C_END
+
+/* Lets the compiler check the arguments against the format; both positions count from 1. An
+ * argument position of 0 marks the variants that take a va_list. */
+#define OV_PRINTF_LIKE(FormatPosition, ArgumentPosition) \
+    __attribute__((format(printf, FormatPosition, ArgumentPosition)))
+
+typedef int32_t OV_ERR_T;     /* 0 or a negative errno value */
+typedef int32_t OV_LEN_ERR_T; /* a byte count or a negative errno value */
+
+typedef int BOOL;
+#ifndef TRUE
+#    define TRUE 1
+#endif
+#ifndef FALSE
+#    define FALSE 0
+#endif
+
+typedef uint8_t u8;
+typedef uint16_t u16;
+typedef uint32_t u32;
+typedef uint64_t u64;
+
+#endif

@@ -1,0 +1,143 @@
+#include "linuxRtc.h"
+
+#include "orvaneLibrtcLog.h"
+#include "orvaneSafeStr.h"
+#include "orvaneScope.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+
+static constexpr size_t COMMAND_SIZE = 1024;
+static constexpr size_t LINE_SIZE = 1024;
+static constexpr mode_t CONTROL_FILE_MODE = 0666;
+static constexpr uint32_t PREFIX_LENGTH_DEFAULT = 32;
+
+/* Appends the lines of Stream to the empty Buf until one does not fit. */
+static size_t _CaptureLines(FILE *Stream, char *Buf, size_t Size)
+{
+    char Line[LINE_SIZE];
+    size_t Count = 0;
+
+    while (fgets(Line, sizeof(Line), Stream) != nullptr) {
+        const size_t Length = strlen(Line);
+
+        if (Count + Length >= Size) {
+            OV_LOG_ERROR("csn_exec_cmd: over size");
+            break;
+        }
+        OV_SafeStrCat(Buf + Count, Size - Count, Line);
+        Count += Length;
+    }
+    return Count;
+}
+
+int OV_RTCExecCmd(const char *cmd, char *buf, size_t size)
+{
+    char Command[COMMAND_SIZE];
+
+    if (buf == nullptr) {
+        size = 0; /* no room: any output is over size */
+    }
+    if (size > INT_MAX) {
+        size = INT_MAX; /* the count returned is an int */
+    }
+    OV_SNPrintf(Command, sizeof(Command) - 1, "%s 2>&1", cmd);
+    if (size != 0) {
+        memset(buf, 0, size);
+    }
+
+    FILE *Pipe = cmd == nullptr ? nullptr : popen(Command, "re");
+    if (Pipe == nullptr) {
+        printf("invalid cmd %s\n", cmd);
+        return 0;
+    }
+    const size_t Count = _CaptureLines(Pipe, buf, size);
+    pclose(Pipe);
+    return static_cast<int>(Count);
+}
+
+int OV_RTCSystem(const char *cmd)
+{
+    OV_LOG_INFO("%s", cmd);
+
+    /* system(NULL) would only ask whether there is a shell. */
+    const int Status = cmd == nullptr ? -1 : system(cmd);
+    if (Status != -1 && WIFEXITED(Status) && WEXITSTATUS(Status) == 0) {
+        return 0;
+    }
+    OV_LOG_ERROR("%s , rc=%d", cmd, -1);
+    return -1;
+}
+
+static OV_ERR_T _OV_RTCWriteFile(const char *Data, size_t DataSize, const char *FilePath,
+                                 int32_t Flags)
+{
+    const DESCRIPTOR_SCOPE File(open(FilePath, Flags, CONTROL_FILE_MODE));
+    if (File.Get() < 0) {
+        const OV_ERR_T Error = -errno;
+        OV_LOG_ERROR("open failed, filepath:%s cmd:%s ret = %d error_string:%s", FilePath, Data,
+                     Error, strerror(-Error));
+        return Error;
+    }
+
+    OV_LOG_INFO_WITHOUT_NEWLINE("Exec Path:%s, Cmd:%s", FilePath, Data);
+    errno = 0; /* a short write is no error of its own: the line below then says so */
+    const ssize_t Written = write(File.Get(), Data, DataSize);
+    if (Written < 0 || static_cast<size_t>(Written) != DataSize) {
+        OV_LOG_ERROR("write failed, filepath:%s, cmd:%s error_string:%s return:%d", FilePath, Data,
+                     strerror(errno), static_cast<int>(Written));
+        return -EIO;
+    }
+    return 0;
+}
+
+OV_ERR_T OV_RTCWriteFile(const char *Cmd, size_t CmdLen, const char *FilePath)
+{
+    return _OV_RTCWriteFile(Cmd, CmdLen, FilePath, O_WRONLY | O_CLOEXEC);
+}
+
+int OV_RTCWriteFileSync(const char *Cmd, int CmdLen, const char *FilePath)
+{
+    /* A negative length becomes a size that the kernel refuses. */
+    return _OV_RTCWriteFile(Cmd, static_cast<size_t>(CmdLen), FilePath,
+                            O_RDWR | O_CREAT | O_TRUNC | O_SYNC);
+}
+
+int OV_RTCParseIpSubnet(char *IpSubnet, int IpSubnetLen, u32 *Ip, u8 *Mask)
+{
+    uint32_t PrefixLength = PREFIX_LENGTH_DEFAULT;
+
+    if (IpSubnet == nullptr || Ip == nullptr || Mask == nullptr) {
+        return -OV_RTC_ERROR_INVALID_PARAM;
+    }
+
+    char *Slash = strchr(IpSubnet, '/');
+    if (Slash != nullptr) {
+        const ptrdiff_t Position = Slash - IpSubnet;
+
+        if (Position >= IpSubnetLen) {
+            OV_LOG_ERROR("buf oversize %d:%d", IpSubnetLen, static_cast<int>(Position));
+            return -OV_RTC_ERROR_BUFF_OVERFLOW;
+        }
+        *Slash = '\0';
+        if (OV_SafeStrGetU32(Slash + 1, 10, &PrefixLength) == nullptr) {
+            OV_LOG_ERROR("Parse str to unsigned int error: %s", IpSubnet);
+            return -OV_RTC_ERROR_BUFF_PARSE;
+        }
+    } else {
+        OV_LOG_WARN("no / in ipsubnet-parse, using default mask %u : %s", PREFIX_LENGTH_DEFAULT,
+                    IpSubnet);
+    }
+
+    if (OV_SafeStrGetIp4Addr(IpSubnet, strlen(IpSubnet), Ip) == nullptr) {
+        OV_LOG_ERROR("parse ip error in ipsubnet-parse: %s", IpSubnet);
+        return -OV_RTC_ERROR_BUFF_PARSE;
+    }
+    *Mask = static_cast<u8>(PrefixLength);
+    return 0;
+}

@@ -1,0 +1,266 @@
+#include "orvaneLibrtcLog.h"
+
+#include "linuxRtc.h"
+#include "orvaneSafeStr.h"
+#include "orvaneScope.h"
+
+#include <atomic>
+#include <errno.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <time.h>
+
+static constexpr size_t TIME_TEXT_SIZE = 64;
+static constexpr const char *SYSTEM_LOG_PATH = "/var/log/messages";
+
+static const char *const s_AgentLogLevelStr[OV_AGENT_LOG_LEVEL_MAX] = {"DEBUG", "INFO", "WARN",
+                                                                       "ERROR"};
+
+/* Filled by the constructors before other threads log. Of the file back end's state, Fp is
+ * changed under s_AgentLogLock; IsNeedReCreate is set by any thread and cleared under the lock. */
+static OV_AGENT_LOG s_AgentLog;
+
+/* Serialises the file back end. Recursive: a back end that logs from inside must not deadlock. */
+static OV_MUTEX_T s_AgentLogLock;
+
+OV_AGENT_LOG *OV_AgentLogOps(void)
+{
+    return &s_AgentLog;
+}
+
+const char *OV_AgentLogLevel(OV_AGENT_LOG_LEVEL Level)
+{
+    return s_AgentLogLevelStr[Level];
+}
+
+/* The file check runs beside the writers and takes no lock, so as never to wait for a slow disk. */
+static std::atomic_ref<BOOL> _NeedReCreate(OV_AGENT_LOG *Log)
+{
+    return std::atomic_ref<BOOL>(Log->FileLog.IsNeedReCreate);
+}
+
+static OV_ERR_T OV_GetTimeOfDay(struct timeval *Now)
+{
+    return gettimeofday(Now, nullptr) == 0 ? 0 : -errno;
+}
+
+/* Leaves TimeBuf empty when the time cannot be had. */
+static void _OV_AgentGetTimeStr(char *TimeBuf, size_t TimeBufSize)
+{
+    struct timeval Now;
+    struct tm Date;
+
+    TimeBuf[0] = '\0';
+    if (OV_GetTimeOfDay(&Now) != 0) {
+        return;
+    }
+    if (localtime_r(&Now.tv_sec, &Date) == nullptr) {
+        printf("date is null: %s\n", strerror(errno));
+        return;
+    }
+    OV_SNPrintf(TimeBuf, TimeBufSize, "[%04d/%02d/%02d_%02d:%02d:%02d.%03ld]", Date.tm_year + 1900,
+                Date.tm_mon + 1, Date.tm_mday, Date.tm_hour, Date.tm_min, Date.tm_sec,
+                static_cast<long>(Now.tv_usec / 1000));
+}
+
+/* Opens the file for appending and writes its first line; "e": the shell commands that the
+ * library runs are not to inherit the log. The errno of a failed open is left for the caller. */
+static FILE *_OpenLogFile(const char *Path, const char *FirstLine)
+{
+    char Time[TIME_TEXT_SIZE];
+
+    _OV_AgentGetTimeStr(Time, sizeof(Time));
+    FILE *Stream = fopen(Path, "ae");
+    if (Stream == nullptr) {
+        return nullptr;
+    }
+    fprintf(Stream, "%s: %s\n", Time, FirstLine);
+    fflush(Stream);
+    return Stream;
+}
+
+static int _OV_AgentFileLogInit(OV_AGENT_LOG *Log)
+{
+    /* The path is the record's first field: what this catches is a record that is not there. */
+    OV_ASSERT_AT(Log != nullptr, "(Log->FileLog.Path != ((void *)0))", "linuxRtcLog", 526,
+                 __func__);
+    OV_MutexInit(&s_AgentLogLock);
+
+    FILE *Stream = _OpenLogFile(Log->FileLog.Path, "agent log start");
+    if (Stream == nullptr) {
+        return -errno;
+    }
+    _NeedReCreate(Log).store(FALSE);
+    Log->FileLog.Fp = Stream;
+    return 0;
+}
+
+static void _OV_AgentFileLogRelease(OV_AGENT_LOG *Log)
+{
+    const MUTEX_SCOPE Lock(s_AgentLogLock);
+
+    if (Log->FileLog.Fp != nullptr) {
+        fclose(Log->FileLog.Fp);
+        Log->FileLog.Fp = nullptr;
+    }
+}
+
+/* Called under the lock. When the file cannot be opened the flag stays set, so that the next
+ * write tries again, and the old stream stays in use. */
+static void _OV_AgentLogFileReCreate(OV_AGENT_LOG *Log)
+{
+    FILE *Stream = _OpenLogFile(Log->FileLog.Path, "re-created agent log.");
+    if (Stream == nullptr) {
+        return;
+    }
+    if (Log->FileLog.Fp != nullptr) {
+        fclose(Log->FileLog.Fp);
+    }
+    Log->FileLog.Fp = Stream;
+    _NeedReCreate(Log).store(FALSE);
+}
+
+/* One record goes out in one flush under the lock, so that lines of several threads stay whole;
+ * with the file in append mode, lines of several processes too while they fit stdio's buffer. */
+static void OV_PRINTF_LIKE(2, 0)
+    _OV_AgentFileLogValist(int /*Level*/, const char *Format, va_list Args)
+{
+    const int CallerErrno = errno; /* a log line between a failure and its report changes nothing */
+    char Time[TIME_TEXT_SIZE];
+
+    _OV_AgentGetTimeStr(Time, sizeof(Time));
+    {
+        const MUTEX_SCOPE Lock(s_AgentLogLock);
+
+        if (_NeedReCreate(&s_AgentLog).load()) {
+            _OV_AgentLogFileReCreate(&s_AgentLog);
+        }
+        if (s_AgentLog.FileLog.Fp != nullptr) {
+            fputs(Time, s_AgentLog.FileLog.Fp);
+            vfprintf(s_AgentLog.FileLog.Fp, Format, Args);
+            fflush(s_AgentLog.FileLog.Fp);
+        }
+    }
+    errno = CallerErrno;
+}
+
+static void OV_PRINTF_LIKE(2, 3) _OV_AgentFileLog(int Level, const char *Format, ...)
+{
+    va_list Args;
+
+    va_start(Args, Format);
+    _OV_AgentFileLogValist(Level, Format, Args);
+    va_end(Args);
+}
+
+static OV_ERR_T _OV_AgentLogCtor(const char *Path, const char *Tag, OV_AGENT_LOG_INIT_FUNC Init,
+                                 OV_AGENT_LOG_RELEASE_FUNC Release, OV_AGENT_LOG_FUNC Log,
+                                 OV_AGENT_LOG_VALIST_FUNC LogValist)
+{
+    OV_AGENT_LOG *Record = OV_AgentLogOps();
+
+    if (Path != nullptr && OV_SafeStrCopy(Record->FileLog.Path, sizeof(Record->FileLog.Path),
+                                          Path) >= sizeof(Record->FileLog.Path)) {
+        return -EOVERFLOW;
+    }
+    if (Tag != nullptr &&
+        OV_SafeStrCopy(Record->Tag, sizeof(Record->Tag), Tag) >= sizeof(Record->Tag)) {
+        return -EOVERFLOW;
+    }
+
+    /* In place before the start, and left in place when it fails: a program may then still log,
+     * and the file back end starts to write once its file can be opened. */
+    Record->Release = Release;
+    Record->Log = Log;
+    Record->LogValist = LogValist;
+    if (Init == nullptr) {
+        return 0;
+    }
+
+    const int Result = Init(Record);
+    if (Result >= 0) {
+        Record->Init = Init;
+    }
+    return Result;
+}
+
+OV_ERR_T OV_AgentFileLogCtor(const char *Path)
+{
+    return _OV_AgentLogCtor(Path, nullptr, _OV_AgentFileLogInit, _OV_AgentFileLogRelease,
+                            _OV_AgentFileLog, _OV_AgentFileLogValist);
+}
+
+OV_ERR_T OV_AgentCustomLogCtor(OV_AGENT_LOG_FUNC Log, OV_AGENT_LOG_VALIST_FUNC LogValist)
+{
+    return _OV_AgentLogCtor(nullptr, nullptr, nullptr, nullptr, Log, LogValist);
+}
+
+void OV_AgentLogDtor(void)
+{
+    OV_AGENT_LOG *Log = OV_AgentLogOps();
+
+    if (Log->Release != nullptr) {
+        Log->Release(Log);
+    }
+}
+
+static bool _OV_IsFileExist(const char *Path)
+{
+    struct stat Status;
+
+    return stat(Path, &Status) == 0 && S_ISREG(Status.st_mode);
+}
+
+void OV_AgentLogFileCheck(void)
+{
+    OV_AGENT_LOG *Log = OV_AgentLogOps();
+
+    if (!_OV_IsFileExist(SYSTEM_LOG_PATH)) {
+        const int Result = OV_RTCSystem("systemctl restart rsyslog");
+        if (Result < 0) {
+            OV_LOG_WARN("%s not exist, but failed to restart rsyslog server(ret = %d).",
+                        SYSTEM_LOG_PATH, Result);
+        }
+    }
+    if (Log->FileLog.Path[0] != '\0' && !_OV_IsFileExist(Log->FileLog.Path)) {
+        _NeedReCreate(Log).store(TRUE);
+    }
+}
+
+/* The five take their arguments as they stand; they differ in the level alone. */
+#define OV_LOG_AS_IT_STANDS(Level, Format)                                           \
+    do {                                                                             \
+        const OV_AGENT_LOG *Log = OV_AgentLogOps();                                  \
+        if (Log->LimitLevel <= (Level) && Log->LogValist != nullptr) {               \
+            va_list Args;                                                            \
+            va_start(Args, Format);                                                  \
+            Log->LogValist(_OV_AgentLogLevelTranslatePaltform(Level), Format, Args); \
+            va_end(Args);                                                            \
+        }                                                                            \
+    } while (0)
+
+void OV_COMMDebug(const char *Format, ...)
+{
+    OV_LOG_AS_IT_STANDS(OV_AGENT_LOG_LEVEL_DEBUG, Format);
+}
+
+void OV_COMMInfo(const char *Format, ...)
+{
+    OV_LOG_AS_IT_STANDS(OV_AGENT_LOG_LEVEL_INFO, Format);
+}
+
+void OV_COMMWarn(const char *Format, ...)
+{
+    OV_LOG_AS_IT_STANDS(OV_AGENT_LOG_LEVEL_WARN, Format);
+}
+
+void OV_COMMError(const char *Format, ...)
+{
+    OV_LOG_AS_IT_STANDS(OV_AGENT_LOG_LEVEL_ERROR, Format);
+}
+
+void OV_DumpInfo(const char *Format, ...)
+{
+    OV_LOG_AS_IT_STANDS(OV_AGENT_LOG_LEVEL_INFO, Format);
+}

@@ -1,0 +1,59 @@
+/*
+ * Scope guards for the library's own C++: what a scope opened or locked, it closes or unlocks on
+ * every path out. One guard a type, declared here and nowhere else.
+ */
+#ifndef ORVANE_SCOPE_H
+#define ORVANE_SCOPE_H
+
+#include "orvanePlatformMutex.h"
+
+#include <memory>
+#include <stdio.h>
+#include <unistd.h>
+
+class MUTEX_SCOPE {
+  public:
+    explicit MUTEX_SCOPE(OV_MUTEX_T &Mutex) : Held(Mutex)
+    {
+        OV_MutexLock(&Held);
+    }
+    ~MUTEX_SCOPE()
+    {
+        OV_MutexUnlock(&Held);
+    }
+    MUTEX_SCOPE(const MUTEX_SCOPE &) = delete;
+    MUTEX_SCOPE &operator=(const MUTEX_SCOPE &) = delete;
+
+  private:
+    OV_MUTEX_T &Held;
+};
+
+struct STREAM_CLOSE {
+    void operator()(FILE *Stream) const
+    {
+        fclose(Stream);
+    }
+};
+using STREAM_SCOPE = std::unique_ptr<FILE, STREAM_CLOSE>;
+
+class DESCRIPTOR_SCOPE {
+  public:
+    explicit DESCRIPTOR_SCOPE(int Descriptor) : Held(Descriptor) {}
+    ~DESCRIPTOR_SCOPE()
+    {
+        if (Held >= 0) {
+            close(Held);
+        }
+    }
+    DESCRIPTOR_SCOPE(const DESCRIPTOR_SCOPE &) = delete;
+    DESCRIPTOR_SCOPE &operator=(const DESCRIPTOR_SCOPE &) = delete;
+    int Get() const
+    {
+        return Held;
+    }
+
+  private:
+    int Held;
+};
+
+#endif

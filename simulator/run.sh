@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# run.sh [ARGUMENT...], inside the sandbox: bypass_cmd on the simulated board of /run/machine, with
+# the board before and after and the log between. Ends with the tool's status.
+board=/run/machine/board
+show=build/release/board
+
+rm -f /tmp/feeddog.log
+"$show" clear-trace "$board"
+echo "== board before"
+"$show" show "$board"
+
+echo "== bypass_cmd $*"
+RTC_BOARD=$board LD_PRELOAD=$PWD/build/release/librtcBoard.so build/release/bypass_cmd "$@"
+status=$?
+
+if [ -e /tmp/feeddog.log ]; then
+    echo "== log"
+    cat /tmp/feeddog.log
+fi
+[ ! -e /etc/feeddog.conf ] || echo "== /etc/feeddog.conf: $(cat /etc/feeddog.conf)"
+[ ! -e /run/services ] || echo "== services: $(cat /run/services)"
+if [ -n "$RTC_TRACE" ]; then
+    echo "== port accesses"
+    "$show" trace "$board" --accesses
+fi
+echo "== board after"
+"$show" show "$board"
+echo "== status $status"
+exit "$status"

@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# sandbox.sh CHECKOUT MACHINE COMMAND [ARGUMENT...]
+#
+# Runs COMMAND in private mount and network namespaces (and a user namespace when not root), on
+# copies of every place that the library writes: /etc, /tmp, /run, /var/log. The copies stand in
+# the folder MACHINE and stay there; with MACHINE "-" they are gone when the command ends. The
+# checkout is visible at /run/checkout, also when it lies below a place that is covered; COMMAND is
+# a path below it, relative to it. RTC_SANDBOX=1 tells the command where it is.
+#
+# Commands that the library runs are found in /run/commands first (empty; the command may fill
+# it), then among the simulated ones beside this script.
+set -euo pipefail
+
+checkout=$(realpath "$1")
+machine=$2
+shift 2
+
+if [ -z "${RTC_SANDBOX_ENTERED:-}" ]; then
+    namespaces=(--mount --net --propagation private)
+    [ "$(id -u)" -eq 0 ] || namespaces+=(--user --map-root-user)
+    if ! unshare "${namespaces[@]}" true 2>/dev/null; then
+        echo "sandbox: this machine allows no private namespaces" >&2
+        exit 77 # what CTest counts as skipped
+    fi
+    RTC_SANDBOX_ENTERED=1 exec unshare "${namespaces[@]}" "$0" "$checkout" "$machine" "$@"
+fi
+unset RTC_SANDBOX_ENTERED
+
+if [ "$machine" != - ]; then
+    mkdir -p "$machine"
+    machine=$(realpath "$machine")
+fi
+mount -t tmpfs tmpfs /run
+mkdir /run/checkout /run/machine /run/commands
+mount --rbind "$checkout" /run/checkout
+[ "$machine" = - ] || mount --bind "$machine" /run/machine
+[ /var/run -ef /run ] || mount --bind /run /var/run
+
+for place in /etc /tmp /var/log; do
+    copy=/run/machine$place
+    if [ ! -d "$copy" ]; then
+        mkdir -p "$copy"
+        # What a non-root user may not read stays out of the copy.
+        [ "$place" != /etc ] || cp -a /etc/. "$copy" 2>/dev/null || true
+    fi
+    mount --bind "$copy" "$place"
+done
+chmod 1777 /tmp
+ip link set lo up 2>/dev/null || true
+
+cd /run/checkout
+export RTC_SANDBOX=1
+export PATH=/run/commands:/run/checkout/simulator/commands:$PATH
+command=$1
+shift
+exec "./$command" "$@"
