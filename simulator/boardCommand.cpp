@@ -327,8 +327,8 @@ struct COMMAND_ROW {
 };
 
 static constexpr COMMAND_ROW gs_Commands[] = {
-    {"create", RunCreate},   {"show", RunShow},          {"trace", RunTrace},
-    {"advance", RunAdvance}, {"clear-trace", RunClearTrace},
+    {"create", RunCreate},          {"show", RunShow}, {"trace", RunTrace}, {"advance", RunAdvance},
+    {"clear-trace", RunClearTrace},
 };
 
 int main(int Count, char **Words)

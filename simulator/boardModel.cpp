@@ -60,7 +60,18 @@ struct CHIP_ROW {
 static constexpr CHIP_ROW gs_Chips[] = {
     {"no chip", 0, {}, false, 0, 0, 0, 0, 0, 0, 0, false, 0},
     {"NCT6791D", 2, {0x87, 0x87}, true, 0, 0, 0x08, 0xF6, 0, 0xF7, 0x10, true, 0x0B},
-    {"Huier chip", 4, {0x87, 0x01, 0x55, 0x55}, false, 0x02, 0x02, 0x07, 0x73, 0x74, 0, 0, false,
+    {"Huier chip",
+     4,
+     {0x87, 0x01, 0x55, 0x55},
+     false,
+     0x02,
+     0x02,
+     0x07,
+     0x73,
+     0x74,
+     0,
+     0,
+     false,
      0},
     {"W83627", 2, {0x87, 0x87}, true, 0, 0, 0x08, 0xF6, 0, 0xF7, 0x10, true, 0},
 };
@@ -119,10 +130,10 @@ static constexpr PORT_ROW gs_Iec810Ports[] = {
 };
 
 static constexpr PORT_ROW gs_CarlowPorts[] = {
-    {0x0500, 4, 0x10108046, "bank 1 use"}, {0x0504, 4, 0xE0000000, "bank 1 direction"},
-    {0x050C, 4, 0x00100045, "bank 1 level"}, {0x0530, 4, 0x00F10004, "bank 2 use"},
-    {0x0534, 4, 0x08000000, "bank 2 direction"}, {0x0538, 4, 0x00500000, "bank 2 level"},
-    {0x0540, 4, 0x00000180, "bank 3 use"}, {0x0544, 4, 0x00000000, "bank 3 direction"},
+    {0x0500, 4, 0x10108046, "bank 1 use"},       {0x0504, 4, 0xE0000000, "bank 1 direction"},
+    {0x050C, 4, 0x00100045, "bank 1 level"},     {0x0530, 4, 0x00F10004, "bank 2 use"},
+    {0x0534, 4, 0x08000000, "bank 2 direction"}, {0x0538, 4, 0x00400000, "bank 2 level"},
+    {0x0540, 4, 0x00000180, "bank 3 use"},       {0x0544, 4, 0x00000000, "bank 3 direction"},
     {0x0548, 4, 0x00000100, "bank 3 level"},
 };
 
@@ -1027,8 +1038,8 @@ const char *BoardChipName(const BOARD_STATE *State)
 
 static BOARD_STATE *MapBoard(int Descriptor)
 {
-    void *Mapping = mmap(nullptr, sizeof(BOARD_STATE), PROT_READ | PROT_WRITE, MAP_SHARED,
-                         Descriptor, 0);
+    void *Mapping =
+        mmap(nullptr, sizeof(BOARD_STATE), PROT_READ | PROT_WRITE, MAP_SHARED, Descriptor, 0);
     return Mapping == MAP_FAILED ? nullptr : static_cast<BOARD_STATE *>(Mapping);
 }
 

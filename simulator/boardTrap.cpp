@@ -31,9 +31,9 @@ struct PORT_OPCODE {
 };
 
 static constexpr PORT_OPCODE gs_Opcodes[] = {
-    {0xE4, false, true, true},  {0xE5, false, false, true},  {0xE6, true, true, true},
-    {0xE7, true, false, true},  {0xEC, false, true, false},  {0xED, false, false, false},
-    {0xEE, true, true, false},  {0xEF, true, false, false},
+    {0xE4, false, true, true}, {0xE5, false, false, true}, {0xE6, true, true, true},
+    {0xE7, true, false, true}, {0xEC, false, true, false}, {0xED, false, false, false},
+    {0xEE, true, true, false}, {0xEF, true, false, false},
 };
 
 struct PORT_INSTRUCTION {

@@ -1,0 +1,235 @@
+/* The agent log: a line with a wrong prefix, a record lost or split between threads, a log that
+ * does not come back after its file vanished, a crash without a back end. */
+#include "linuxRtc.h"
+#include "orvaneLibrtcLog.h"
+#include "testSupport.h"
+
+#include <atomic>
+#include <errno.h>
+#include <fcntl.h>
+#include <map>
+#include <regex>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <thread>
+#include <unistd.h>
+
+static const char *const LOG_PATH = "/tmp/agent.log";
+static const std::string TIME = R"(\[\d{4}/\d\d/\d\d_\d\d:\d\d:\d\d\.\d{3}\])";
+
+class AgentLog : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        unlink(LOG_PATH);
+        WriteFile("/var/log/messages", ""); /* the system log is there, unless a test removes it */
+    }
+    void TearDown() override
+    {
+        OV_AgentLogDtor();
+        OV_AgentLogOps()->LimitLevel = OV_AGENT_LOG_LEVEL_DEBUG;
+    }
+};
+
+static bool Matches(const std::string &Line, const std::string &Pattern)
+{
+    return std::regex_match(Line, std::regex(Pattern));
+}
+
+TEST_F(AgentLog, ALineCarriesTimeLevelFunctionAndTheCallersLine)
+{
+    setenv("TZ", "Asia/Kolkata", 1); /* half an hour off: local time, not UTC */
+    tzset();
+    ASSERT_EQ(OV_AgentFileLogCtor(LOG_PATH), 0);
+    const int Line = __LINE__ + 1;
+    OV_LOG_WARN("%s %d", "message", 7);
+    OV_COMMError("[as it stands]\n");
+    OV_LOG_INFO_WITHOUT_NEWLINE("open end");
+    OV_LOG_DEBUG("next");
+
+    struct timeval Now;
+    gettimeofday(&Now, nullptr);
+    struct tm Date;
+    localtime_r(&Now.tv_sec, &Date);
+    char Today[32];
+    strftime(Today, sizeof(Today), "[%Y/%m/%d_%H:", &Date);
+
+    const STRINGS Written = Lines(ReadFile(LOG_PATH));
+    ASSERT_EQ(Written.size(), 4U);
+    EXPECT_TRUE(Matches(Written[0], TIME + ": agent log start")) << Written[0];
+    EXPECT_TRUE(Matches(Written[1],
+                        TIME + R"(\[WARN\]\[TestBody-)" + std::to_string(Line) + R"(\]message 7)"))
+        << Written[1];
+    EXPECT_TRUE(Contains(Written[1], Today)) << "unless the hour has just changed: " << Written[1];
+    EXPECT_TRUE(Matches(Written[2], TIME + R"(\[as it stands\])")) << Written[2];
+    EXPECT_TRUE(Matches(Written[3], TIME + R"(\[INFO\].*\]open end)" + TIME + R"(\[DEBUG\].*next)"))
+        << Written[3];
+    unsetenv("TZ");
+    tzset();
+}
+
+TEST_F(AgentLog, LevelsBelowTheLimitAreNeitherWrittenNorEvaluated)
+{
+    RecordLog();
+    OV_AgentLogOps()->LimitLevel = OV_AGENT_LOG_LEVEL_WARN;
+    int Evaluated = 0;
+    OV_LOG_INFO("%d", ++Evaluated);
+    OV_COMMDebug("no");
+    OV_COMMInfo("no");
+    OV_DumpInfo("no");
+    OV_LOG_WARN("%d", ++Evaluated);
+    OV_COMMWarn("warn");
+    OV_COMMError("error");
+
+    const STRINGS Written = TakeLog();
+    ASSERT_EQ(Written.size(), 3U);
+    EXPECT_TRUE(IsLogLine(Written[0], "WARN", "TestBody", "1"));
+    EXPECT_EQ(Written[1], "2 warn");
+    EXPECT_EQ(Written[2], "3 error");
+}
+
+TEST_F(AgentLog, PathsThatAreRefused)
+{
+    const std::string Longest = "/tmp/" + std::string(122, 'x');
+
+    EXPECT_EQ(OV_AgentFileLogCtor((Longest + "x").c_str()), -EOVERFLOW);
+    EXPECT_EQ(OV_AgentFileLogCtor(Longest.c_str()), 0);
+    OV_AgentLogDtor();
+    EXPECT_EQ(OV_AgentFileLogCtor("/tmp"), -EISDIR);
+    EXPECT_EQ(OV_AgentFileLogCtor("/tmp/gone/agent.log"), -ENOENT);
+    OV_LOG_ERROR("skipped, the operations stay installed");
+
+    /* The folder appears: the next check and line bring the log to life. */
+    mkdir("/tmp/gone", 0755);
+    OV_AgentLogFileCheck();
+    OV_LOG_INFO("alive");
+    EXPECT_TRUE(Contains(ReadFile("/tmp/gone/agent.log"), "]alive\n"));
+}
+
+TEST_F(AgentLog, AVanishedFileComesBackWithTheNextLine)
+{
+    ASSERT_EQ(OV_AgentFileLogCtor(LOG_PATH), 0);
+    unlink(LOG_PATH);
+    OV_LOG_INFO("to the deleted file");
+    OV_AgentLogFileCheck();
+    EXPECT_EQ(access(LOG_PATH, F_OK), -1);
+    OV_LOG_INFO("first of the new");
+
+    const STRINGS Written = Lines(ReadFile(LOG_PATH));
+    ASSERT_EQ(Written.size(), 2U);
+    EXPECT_TRUE(Matches(Written[0], TIME + ": re-created agent log\\.")) << Written[0];
+    EXPECT_TRUE(Contains(Written[1], "first of the new"));
+
+    /* What cannot be created now is tried again, and the old stream serves meanwhile. */
+    const std::string Folder = "/tmp/folder";
+    mkdir(Folder.c_str(), 0755);
+    OV_AgentLogDtor();
+    ASSERT_EQ(OV_AgentFileLogCtor((Folder + "/log").c_str()), 0);
+    rename((Folder + "/log").c_str(), "/tmp/moved");
+    rmdir(Folder.c_str());
+    OV_AgentLogFileCheck();
+    OV_LOG_INFO("meanwhile");
+    EXPECT_TRUE(Contains(ReadFile("/tmp/moved"), "meanwhile"));
+    mkdir(Folder.c_str(), 0755);
+    OV_LOG_INFO("back");
+    EXPECT_TRUE(Contains(ReadFile(Folder + "/log"), "back"));
+    EXPECT_FALSE(Contains(ReadFile("/tmp/moved"), "back"));
+}
+
+TEST_F(AgentLog, TheCheckRestartsAMissingSystemLog)
+{
+    RecordLog();
+    InstallCommand("systemctl", "echo \"$@\" >>/run/asked; exit 3");
+    OV_AgentLogFileCheck();
+    EXPECT_EQ(ReadFile("/run/asked"), "");
+
+    unlink("/var/log/messages");
+    OV_AgentLogFileCheck();
+    EXPECT_EQ(ReadFile("/run/asked"), "restart rsyslog\n");
+    const STRINGS Written = TakeLog();
+    ASSERT_EQ(Written.size(), 3U); /* the runner's two lines, then this one */
+    EXPECT_TRUE(
+        IsLogLine(Written[2], "WARN", "OV_AgentLogFileCheck",
+                  "/var/log/messages not exist, but failed to restart rsyslog server(ret = -1)."));
+}
+
+TEST_F(AgentLog, LoggingKeepsErrnoAndTheFileFromChildren)
+{
+    char Descriptors[4096];
+
+    ASSERT_EQ(OV_AgentFileLogCtor(LOG_PATH), 0);
+    errno = ENOTTY;
+    OV_LOG_INFO("x");
+    EXPECT_EQ(errno, ENOTTY);
+    ASSERT_GT(OV_RTCExecCmd("ls -l /proc/self/fd", Descriptors, sizeof(Descriptors)), 0);
+    EXPECT_FALSE(Contains(Descriptors, LOG_PATH)) << Descriptors;
+
+    /* The file that replaces a vanished one must be as private. */
+    unlink(LOG_PATH);
+    OV_AgentLogFileCheck();
+    OV_LOG_INFO("x");
+    ASSERT_GT(OV_RTCExecCmd("ls -l /proc/self/fd", Descriptors, sizeof(Descriptors)), 0);
+    EXPECT_FALSE(Contains(Descriptors, LOG_PATH)) << Descriptors;
+}
+
+TEST_F(AgentLog, AFullDiskLosesLinesAndNothingElse)
+{
+    ASSERT_EQ(OV_AgentFileLogCtor("/dev/full"), 0);
+    for (int Line = 0; Line < 2000; Line++) {
+        OV_LOG_INFO("%0100d", Line);
+    }
+}
+
+/* The file is moved away again and again while four threads write: every line stands once and
+ * whole, in one of the files. */
+TEST_F(AgentLog, NoLineIsLostSplitOrDoubledBetweenThreads)
+{
+    constexpr int THREADS = 4;
+    constexpr int LINES_EACH = 2000;
+    constexpr int MOVES = 10;
+    std::vector<std::thread> Threads;
+    std::atomic<int> Written{0};
+
+    ASSERT_EQ(OV_AgentFileLogCtor(LOG_PATH), 0);
+    for (int Thread = 0; Thread < THREADS; Thread++) {
+        Threads.emplace_back([Thread, &Written] {
+            for (int Line = 0; Line < LINES_EACH; Line++) {
+                OV_LOG_INFO("%d:%d:%s", Thread, Line, std::string(Line % 300, 'x').c_str());
+                Written++;
+            }
+        });
+    }
+    STRINGS Files = {LOG_PATH};
+    for (int Move = 1; Move <= MOVES; Move++) {
+        WaitUntil([&] { return Written >= Move * THREADS * LINES_EACH / (MOVES + 1); });
+        if (access(LOG_PATH, F_OK) == 0) {
+            Files.push_back(std::string(LOG_PATH) + "." + std::to_string(Move));
+            rename(LOG_PATH, Files.back().c_str());
+        }
+        OV_AgentLogFileCheck();
+    }
+    for (std::thread &Thread : Threads) {
+        Thread.join();
+    }
+
+    std::map<std::string, int> Seen;
+    const std::regex Whole(TIME + R"(\[INFO\]\[operator\(\)-\d+\](\d+:\d+):(x*))");
+    for (const std::string &File : Files) {
+        for (const std::string &Line : Lines(ReadFile(File))) {
+            std::smatch Parts;
+            if (std::regex_match(Line, Parts, Whole)) {
+                const int Number = std::stoi(Parts[1].str().substr(2));
+                EXPECT_EQ(Parts[2].length(), Number % 300);
+                Seen[Parts[1]]++;
+            } else {
+                EXPECT_TRUE(Matches(Line, TIME + ": (agent log start|re-created agent log\\.)"))
+                    << Line;
+            }
+        }
+    }
+    EXPECT_EQ(Seen.size(), static_cast<size_t>(THREADS * LINES_EACH));
+    for (const auto &[Line, Count] : Seen) {
+        EXPECT_EQ(Count, 1) << Line;
+    }
+    EXPECT_GT(Files.size(), 2U);
+}
