@@ -10,6 +10,8 @@ install(TARGETS rtc rtcStatic EXPORT librtcTargets
 install(FILES ${RTC_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/librtc)
 install(TARGETS bypass_cmd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 
+# Relative to the file itself, so that an installed tree can be moved or staged.
+file(RELATIVE_PATH RTC_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/librtc.pc.in librtc.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/librtc.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 

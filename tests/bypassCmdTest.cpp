@@ -1,0 +1,281 @@
+/*
+ * The real tool and the real example daemon, as processes on one simulated board: a status that
+ * lies, a relay in the wrong state, hardware touched before the daemon is silent, a daemon that
+ * leaves its watchdog armed.
+ */
+#include "boardModel.h"
+#include "testSupport.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static const char *const BOARD_PATH = "/tmp/board";
+static const char *const LOG_PATH = "/tmp/feeddog.log";
+static const char *const CONF_PATH = "/etc/feeddog.conf";
+static const char *const PID_PATH = "/var/run/feeddog.pid";
+static const char *const OUTPUT_PATH = "/tmp/output";
+static const std::string USAGE = "usage:\n"
+                                 "\tbypass_cmd -b <0/1>       0: no-bypass 1: bypass\n"
+                                 "\tbypass_cmd -m <0/1>       0: disable  bypass mode 1: enable\n";
+
+struct BOARD {
+    const char *ProductName;
+    const char *LogName;
+    const char *TableName;
+};
+static constexpr BOARD BOARDS[] = {
+    {"Aptio CRB", "QiYang-J1900", "QiYang-J1900"},
+    {"B1904", "Huier-J1900", "Huier-J1900"},
+    {"IEC-810N4SC", "Huier-H61", "Huier-H61"},
+    {"CARLOW", "LiHua-8865", "Lihua-8865"},
+};
+
+class BypassCmd : public testing::Test {
+  protected:
+    void SetUp() override
+    {
+        for (const char *Path : {LOG_PATH, CONF_PATH, PID_PATH, "/run/services", OUTPUT_PATH}) {
+            std::filesystem::remove_all(Path);
+        }
+    }
+    void TearDown() override
+    {
+        StopDaemon();
+        BoardFileClose(Board);
+        Board = nullptr;
+    }
+
+    void Use(const char *Name)
+    {
+        BoardFileClose(Board);
+        ASSERT_EQ(BoardFileCreate(BOARD_PATH, Name), 0);
+        chmod(BOARD_PATH, 0666);
+        Board = BoardFileOpen(BOARD_PATH);
+        ASSERT_NE(Board, nullptr);
+        ProductName = Name;
+    }
+    pid_t Start(const STRINGS &Arguments, const std::string &Output)
+    {
+        STRINGS Command = Arguments;
+        for (std::string &Word : Command) {
+            if (Word == "bypass_cmd" || Word == "feeddog") {
+                Word = BuildFolder() + "/" + Word;
+            }
+        }
+        return StartProcess(Command,
+                            {"RTC_BOARD=" + std::string(BOARD_PATH),
+                             "RTC_BOARD_NAME=" + ProductName,
+                             "LD_PRELOAD=" + BuildFolder() + "/librtcBoard.so"},
+                            Output);
+    }
+    int Run(const STRINGS &Arguments)
+    {
+        return WaitForProcess(Start(Arguments, OUTPUT_PATH));
+    }
+    void StartDaemon(const STRINGS &Arguments)
+    {
+        Daemon = Start(Arguments, "/tmp/feeddog.output");
+    }
+    int StopDaemon()
+    {
+        if (Daemon < 0) {
+            return -1;
+        }
+        kill(Daemon, SIGTERM);
+        return WaitForProcess(std::exchange(Daemon, -1));
+    }
+
+    std::vector<BOARD_ACCESS> Trace() const
+    {
+        return {Board->Trace, Board->Trace + Board->TraceCount};
+    }
+    bool Relays(BOARD_RELAY Expected) const
+    {
+        for (unsigned Pair = 1; Pair <= BoardRelayCount(Board); Pair++) {
+            if (BoardRelay(Board, Pair) != Expected) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    BOARD_STATE *Board = nullptr;
+    std::string ProductName = "B1904";
+    pid_t Daemon = -1;
+};
+
+static bool IsPortAccess(const BOARD_ACCESS &Entry)
+{
+    return Entry.Kind <= BOARD_OUT32;
+}
+
+TEST_F(BypassCmd, WordsOfTheCommandLine)
+{
+    struct ROW {
+        STRINGS Arguments;
+        int Status;
+    };
+    static const ROW Rows[] = {
+        {{}, 255},
+        {{"-h"}, 0},
+        {{"-b", "2"}, 255},
+        {{"-m", "-1"}, 255},
+        {{"-b", "1", "-m", "2"}, 255},
+        {{"-b", "0", "-h"}, 0},
+        {{"-x"}, 255},
+        {{"-b"}, 255},
+    };
+    Use("B1904");
+    for (const ROW &Row : Rows) {
+        STRINGS Command = {"bypass_cmd"};
+        Command.insert(Command.end(), Row.Arguments.begin(), Row.Arguments.end());
+        SCOPED_TRACE(testing::PrintToString(Row.Arguments));
+        EXPECT_EQ(Run(Command), Row.Status);
+        const std::string Output = ReadFile(OUTPUT_PATH);
+        EXPECT_EQ(Output.substr(Output.size() - std::min(Output.size(), USAGE.size())), USAGE);
+        EXPECT_FALSE(std::filesystem::exists(LOG_PATH));
+        EXPECT_EQ(Board->TraceCount, 0U);
+    }
+    /* Without a number it is 0; the last of several counts. */
+    EXPECT_EQ(Run({"bypass_cmd", "-b", "1"}), 0);
+    EXPECT_EQ(BoardRelay(Board, 1), RELAY_BYPASS);
+    EXPECT_EQ(Run({"bypass_cmd", "-b", "1", "-b", "x"}), 0);
+    EXPECT_EQ(BoardRelay(Board, 1), RELAY_NO_BYPASS);
+}
+
+TEST_F(BypassCmd, EveryBoard)
+{
+    for (const BOARD &Row : BOARDS) {
+        SCOPED_TRACE(Row.ProductName);
+        SetUp();
+        Use(Row.ProductName);
+        EXPECT_EQ(Run({"bypass_cmd", "-b", "1"}), 0);
+        EXPECT_TRUE(Relays(RELAY_BYPASS));
+        const STRINGS Log = Lines(ReadFile(LOG_PATH));
+        ASSERT_EQ(Log.size(), 3U);
+        EXPECT_TRUE(Contains(Log[0], "]: agent log start"));
+        EXPECT_TRUE(Contains(Log[1], std::string("]hardware platform: ") + Row.LogName));
+        EXPECT_TRUE(
+            Contains(Log[2], std::string("]set ") + Row.TableName + " bypass success(ret: 0)"));
+
+        /* Bypass before mode, whatever the order of the words. */
+        EXPECT_EQ(Run({"bypass_cmd", "-m", "1", "-b", "0"}), 0);
+        EXPECT_TRUE(Relays(RELAY_NO_BYPASS));
+        EXPECT_EQ(ReadFile(CONF_PATH), "feeddog=1\n");
+        EXPECT_EQ(ReadFile("/run/services"), "systemctl restart feeddog\n");
+        const std::string Text = ReadFile(LOG_PATH);
+        EXPECT_LT(Text.find(" no-bypass success"), Text.find("] enable bypass-mode\n"));
+
+        Board->RefuseRaise = -1; /* the mode touches no hardware */
+        EXPECT_EQ(Run({"bypass_cmd", "-m", "0"}), 0);
+        EXPECT_EQ(ReadFile(CONF_PATH), "feeddog=0\n");
+        EXPECT_TRUE(Contains(ReadFile(LOG_PATH), "] disable bypass-mode\n"));
+        EXPECT_EQ(Board->FaultCount, 0U);
+    }
+}
+
+TEST_F(BypassCmd, TheStatusSpeaksOfTheLogAlone)
+{
+    Use("B1904");
+    Board->RefuseRaise = -1;
+    EXPECT_EQ(Run({"bypass_cmd", "-b", "1"}), 0);
+    EXPECT_TRUE(Contains(ReadFile(LOG_PATH), "]Hard Bypass error(ret: -1)\n"));
+    EXPECT_TRUE(Contains(ReadFile(LOG_PATH), "]set Huier-J1900 bypass failed(ret: -1)\n"));
+
+    std::filesystem::remove(LOG_PATH);
+    std::filesystem::create_directory(LOG_PATH);
+    Board->RefuseRaise = 0;
+    BoardClearTrace(Board);
+    EXPECT_EQ(Run({"bypass_cmd", "-b", "1", "-m", "1"}), 256 - EISDIR);
+    EXPECT_EQ(Board->TraceCount, 0U);
+    EXPECT_FALSE(std::filesystem::exists(CONF_PATH));
+}
+
+/* As another user: the daemon is alive and may not be signalled. */
+TEST_F(BypassCmd, NoRightToSignal)
+{
+    if (Run({"setpriv", "--reuid=65534", "--clear-groups", "true"}) != 0) {
+        GTEST_SKIP() << "this sandbox has one user only";
+    }
+    Use("B1904");
+    WriteFile(PID_PATH, std::to_string(getpid()) + "\n");
+    EXPECT_EQ(Run({"setpriv", "--reuid=65534", "--clear-groups", "bypass_cmd", "-b", "1"}), 0);
+    EXPECT_TRUE(Contains(ReadFile(LOG_PATH),
+                         "]send signal(disable) to feeddog(ret: -1, Operation not permitted)\n"));
+    EXPECT_TRUE(std::filesystem::exists(PID_PATH));
+    for (const BOARD_ACCESS &Entry : Trace()) {
+        EXPECT_EQ(Entry.Kind, BOARD_SIGNAL) << "the relay is not touched: " << Entry.Note;
+    }
+    EXPECT_EQ(Run({"setpriv", "--reuid=65534", "--clear-groups", "bypass_cmd", "-m", "1"}), 0);
+    EXPECT_TRUE(Contains(ReadFile(LOG_PATH), "]open conf file(/etc/feeddog.conf) failed\n"));
+}
+
+/* The daemon feeds; the tool silences it, moves the relay, and the daemon then stops the watchdog
+ * without ever touching a port between the tool's. */
+TEST_F(BypassCmd, ARunningDaemonIsSilencedFirst)
+{
+    for (const char *Name : {"Aptio CRB", "B1904", "CARLOW"}) {
+        SCOPED_TRACE(Name);
+        SetUp();
+        Use(Name);
+        StartDaemon({"feeddog", "-t", "60", "-p", "1", "-q", "2"});
+        ASSERT_TRUE(WaitUntil([&] { return BoardWatchdogRemaining(Board) > 0; }));
+
+        EXPECT_EQ(Run({"bypass_cmd", "-b", "1"}), 0);
+        EXPECT_TRUE(Relays(RELAY_BYPASS));
+        EXPECT_TRUE(WaitUntil([&] { return BoardWatchdogRemaining(Board) == 0; }));
+        EXPECT_TRUE(Relays(RELAY_BYPASS)) << "stopped, not expired";
+
+        const std::vector<BOARD_ACCESS> Entries = Trace();
+        const auto IsTools = [](const BOARD_ACCESS &Entry) {
+            return IsPortAccess(Entry) && std::string(Entry.Process) == "bypass_cmd";
+        };
+        const auto Signal = std::find_if(Entries.begin(), Entries.end(), [&](const auto &Entry) {
+            return Entry.Kind == BOARD_SIGNAL && Entry.Port == SIGUSR2 &&
+                   Entry.Value == static_cast<uint32_t>(Daemon) && Entry.Result == 0;
+        });
+        const auto First = std::find_if(Entries.begin(), Entries.end(), IsTools);
+        const auto Last = std::find_if(Entries.rbegin(), Entries.rend(), IsTools).base();
+        ASSERT_NE(Signal, Entries.end());
+        ASSERT_NE(First, Entries.end());
+        EXPECT_LT(Signal, First);
+        EXPECT_TRUE(std::all_of(First, Last, [](const BOARD_ACCESS &Entry) {
+            return std::string(Entry.Process) != "feeddog";
+        }));
+        EXPECT_TRUE(Contains(ReadFile(LOG_PATH), "]disable feeddog\n"));
+
+        /* Enabling wakes it, and it ends with its watchdog stopped and its file removed. */
+        EXPECT_EQ(Run({"bypass_cmd", "-b", "0", "-m", "1"}), 0);
+        EXPECT_TRUE(WaitUntil([&] { return BoardWatchdogRemaining(Board) > 0; }));
+        EXPECT_FALSE(std::filesystem::exists("/run/services"));
+        EXPECT_EQ(StopDaemon(), 0);
+        EXPECT_EQ(BoardWatchdogRemaining(Board), 0U);
+        EXPECT_TRUE(Relays(RELAY_NO_BYPASS));
+        EXPECT_FALSE(std::filesystem::exists(PID_PATH));
+        EXPECT_EQ(Board->FaultCount, 0U);
+    }
+}
+
+TEST_F(BypassCmd, TheDaemonFollowsItsFile)
+{
+    Use("B1904");
+    WriteFile(CONF_PATH, "feeddog=0\n");
+    StartDaemon({"feeddog", "-t", "60", "-p", "1", "-q", "1"});
+    ASSERT_TRUE(WaitUntil([] { return std::filesystem::exists(PID_PATH); }));
+    EXPECT_EQ(Run({"bypass_cmd", "-m", "0"}), 0);
+    EXPECT_EQ(Run({"feeddog"}), 1) << "one at a time";
+    EXPECT_EQ(BoardWatchdogRemaining(Board), 0U);
+    EXPECT_EQ(Run({"bypass_cmd", "-m", "1"}), 0);
+    EXPECT_TRUE(WaitUntil([&] { return BoardWatchdogRemaining(Board) > 0; }));
+
+    /* Killed, it leaves an armed watchdog: that is what the watchdog is for. */
+    kill(Daemon, SIGKILL);
+    EXPECT_EQ(WaitForProcess(std::exchange(Daemon, -1)), 128 + SIGKILL);
+    EXPECT_GT(BoardWatchdogRemaining(Board), 0U);
+    EXPECT_EQ(Run({"bypass_cmd", "-m", "0"}), 0);
+    EXPECT_EQ(ReadFile(OUTPUT_PATH), "Remove a zombie pid file /var/run/feeddog.pid\n");
+    EXPECT_EQ(Run({"feeddog", "-t", "5", "-p", "3", "-q", "3"}), 2) << "would expire when silenced";
+}
