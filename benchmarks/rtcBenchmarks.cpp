@@ -106,7 +106,7 @@ static void CaptureByHand(const char *Command)
         abort();
     }
     while (fgets(Line, sizeof(Line), Pipe) != nullptr && Length + strlen(Line) < sizeof(Output)) {
-        strcpy(Output + Length, Line);
+        memcpy(Output + Length, Line, strlen(Line) + 1);
         Length += strlen(Line);
     }
     pclose(Pipe);

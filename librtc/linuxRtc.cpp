@@ -74,10 +74,20 @@ int OV_RTCSystem(const char *cmd)
     return -1;
 }
 
+/* No path at all is refused as the kernel would refuse it. */
+static int _OpenControlFile(const char *FilePath, int32_t Flags)
+{
+    if (FilePath == nullptr) {
+        errno = EFAULT;
+        return -1;
+    }
+    return open(FilePath, Flags, CONTROL_FILE_MODE);
+}
+
 static OV_ERR_T _OV_RTCWriteFile(const char *Data, size_t DataSize, const char *FilePath,
                                  int32_t Flags)
 {
-    const DESCRIPTOR_SCOPE File(open(FilePath, Flags, CONTROL_FILE_MODE));
+    const DESCRIPTOR_SCOPE File(_OpenControlFile(FilePath, Flags));
     if (File.Get() < 0) {
         const OV_ERR_T Error = -errno;
         OV_LOG_ERROR("open failed, filepath:%s cmd:%s ret = %d error_string:%s", FilePath, Data,

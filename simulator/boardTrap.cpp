@@ -56,6 +56,7 @@ static const PORT_OPCODE *FindOpcode(uint8_t Opcode)
 /* Reads no byte beyond the instruction: the next page need not be there. */
 static bool Decode(const greg_t *Registers, PORT_INSTRUCTION *Instruction)
 {
+    /* NOLINTNEXTLINE(performance-no-int-to-ptr): the context keeps an address as an integer */
     const uint8_t *Code = reinterpret_cast<const uint8_t *>(Registers[REG_RIP]);
     const uint8_t *Next = Code;
     const bool Short = *Next == 0x66;

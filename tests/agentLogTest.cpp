@@ -191,6 +191,7 @@ TEST_F(AgentLog, NoLineIsLostSplitOrDoubledBetweenThreads)
     std::atomic<int> Written{0};
 
     ASSERT_EQ(OV_AgentFileLogCtor(LOG_PATH), 0);
+    Threads.reserve(THREADS);
     for (int Thread = 0; Thread < THREADS; Thread++) {
         Threads.emplace_back([Thread, &Written] {
             for (int Line = 0; Line < LINES_EACH; Line++) {

@@ -62,7 +62,7 @@ class BypassCmd : public testing::Test {
         STRINGS Command = Arguments;
         for (std::string &Word : Command) {
             if (Word == "bypass_cmd" || Word == "feeddog") {
-                Word = BuildFolder() + "/" + Word;
+                Word.insert(0, BuildFolder() + "/");
             }
         }
         return StartProcess(Command,

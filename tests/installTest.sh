@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# installTest.sh CHECKOUT BUILD CC CXX
+# installTest.sh BUILD CC CXX
 #
 # What a user of the installed library meets: a header that needs another one first, a name that is
 # declared but not exported (or the other way round), files that are missing, a library that cannot
 # be linked as its own description says.
 set -euo pipefail
-checkout=$1 build=$2 cc=$3 cxx=$4
+build=$1 cc=$2 cxx=$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 prefix=$work/usr

@@ -37,7 +37,7 @@ TEST(SafeStr, WritersReportTruncationAndStayInside)
         EXPECT_TRUE(Print.EdgesIntact());
 
         MARKED_BUFFER Cat(Row.Size);
-        strcpy(Cat.Text(), Row.Present);
+        memcpy(Cat.Text(), Row.Present, strlen(Row.Present) + 1);
         EXPECT_EQ(OV_SafeStrCat(Cat.Text(), Row.Size, Row.Source), Row.CatResult);
         EXPECT_STREQ(Cat.Text(), Row.Appended);
         EXPECT_TRUE(Cat.EdgesIntact());
