@@ -195,7 +195,8 @@ TEST_F(AgentLog, NoLineIsLostSplitOrDoubledBetweenThreads)
     for (int Thread = 0; Thread < THREADS; Thread++) {
         Threads.emplace_back([Thread, &Written] {
             for (int Line = 0; Line < LINES_EACH; Line++) {
-                OV_LOG_INFO("%d:%d:%s", Thread, Line, std::string(Line % 300, 'x').c_str());
+                OV_LOG_INFO("%d:%d:%s", Thread, Line,
+                            std::string(static_cast<size_t>(Line % 300), 'x').c_str());
                 Written++;
             }
         });

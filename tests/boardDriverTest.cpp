@@ -279,7 +279,7 @@ TEST_F(BoardDriver, Lihua8865)
 
     /* The lines' set-up, from ports on which every bit of it shows. */
     Use("CARLOW");
-    for (const unsigned Bank : {0x500, 0x530, 0x540}) {
+    for (const unsigned Bank : {0x500U, 0x530U, 0x540U}) {
         memset(Board->Ports + Bank, 0x00, 4);
         memset(Board->Ports + Bank + 4, 0xFF, 4);
     }
