@@ -17,38 +17,49 @@ static constexpr size_t LINE_SIZE = 1024;
 static constexpr mode_t CONTROL_FILE_MODE = 0666;
 static constexpr uint32_t PREFIX_LENGTH_DEFAULT = 32;
 
-/* Appends the lines of Stream to the empty Buf until one does not fit. */
-static size_t _CaptureLines(FILE *Stream, char *Buf, size_t Size)
+/* A handler's signal that interrupts the wait for output is not its end. */
+static bool _ReadLine(FILE *Stream, char *Line, int Size)
+{
+    while (fgets(Line, Size, Stream) == nullptr) {
+        if (!ferror(Stream) || errno != EINTR) {
+            return false;
+        }
+        clearerr(Stream);
+    }
+    return true;
+}
+
+/* Appends the lines of Stream to the empty Buf; false when one did not fit. */
+static bool _CaptureLines(FILE *Stream, char *Buf, size_t Size, size_t *Count)
 {
     char Line[LINE_SIZE];
-    size_t Count = 0;
 
-    while (fgets(Line, sizeof(Line), Stream) != nullptr) {
+    while (_ReadLine(Stream, Line, sizeof(Line))) {
         const size_t Length = strlen(Line);
 
-        if (Count + Length >= Size) {
-            OV_LOG_ERROR("csn_exec_cmd: over size");
-            break;
+        if (*Count + Length >= Size) {
+            return false;
         }
-        OV_SafeStrCat(Buf + Count, Size - Count, Line);
-        Count += Length;
+        OV_SafeStrCat(Buf + *Count, Size - *Count, Line);
+        *Count += Length;
     }
-    return Count;
+    return true;
 }
 
 int OV_RTCExecCmd(const char *cmd, char *buf, size_t size)
 {
+    const CANCEL_SCOPE Whole; /* the pipe and the child are ours until pclose */
     char Command[COMMAND_SIZE];
+    size_t Count = 0;
 
+    OV_SNPrintf(Command, sizeof(Command) - 1, "%s 2>&1", cmd);
     if (buf == nullptr) {
         size = 0; /* no room: any output is over size */
+    } else {
+        memset(buf, 0, size);
     }
     if (size > INT_MAX) {
         size = INT_MAX; /* the count returned is an int */
-    }
-    OV_SNPrintf(Command, sizeof(Command) - 1, "%s 2>&1", cmd);
-    if (size != 0) {
-        memset(buf, 0, size);
     }
 
     FILE *Pipe = cmd == nullptr ? nullptr : popen(Command, "re");
@@ -56,7 +67,9 @@ int OV_RTCExecCmd(const char *cmd, char *buf, size_t size)
         printf("invalid cmd %s\n", cmd);
         return 0;
     }
-    const size_t Count = _CaptureLines(Pipe, buf, size);
+    if (!_CaptureLines(Pipe, buf, size, &Count)) {
+        OV_LOG_ERROR("csn_exec_cmd: over size");
+    }
     pclose(Pipe);
     return static_cast<int>(Count);
 }
@@ -87,6 +100,7 @@ static int _OpenControlFile(const char *FilePath, int32_t Flags)
 static OV_ERR_T _OV_RTCWriteFile(const char *Data, size_t DataSize, const char *FilePath,
                                  int32_t Flags)
 {
+    const CANCEL_SCOPE Whole;
     const DESCRIPTOR_SCOPE File(_OpenControlFile(FilePath, Flags));
     if (File.Get() < 0) {
         const OV_ERR_T Error = -errno;

@@ -29,11 +29,12 @@ typedef enum _OV_RTC_ERROR_RET {
     OV_RTC_ERROR_DISPATCH_FAILED = 12
 } OV_RTC_ERROR_RET;
 
-/* Runs cmd and captures its standard output and error in buf (size bytes, NUL included; always
- * terminated, the rest zeroed). Whole lines are kept while they fit; the first that does not ends
- * the capture with an error in the log. Returns the bytes captured, below size; 0 also for a
- * command that could not be started. Waits until the command has ended; its status is not
- * looked at. The command line is cut at 1022 characters, the redirection "2>&1" included. */
+/* Runs cmd and captures its standard output and error in buf (size bytes, NUL included; terminated,
+ * the rest zeroed). Lines (in pieces of 1023 characters) are kept while they fit; the first that
+ * does not ends the capture with an error in the log. Returns the bytes captured, below size unless
+ * both are 0; 0 also for a command that could not be started. Waits until the command has ended,
+ * not to be cancelled; its status is not looked at. The command line is cut at 1022 characters,
+ * the redirection " 2>&1" at its end included. */
 int OV_RTCExecCmd(const char *cmd, char *buf, size_t size);
 
 /* Runs cmd and waits for it. Returns 0 when it exited with status 0, else -1. */
@@ -44,16 +45,16 @@ int OV_RTCSystem(const char *cmd);
  * not all was written. */
 OV_ERR_T OV_RTCWriteFile(const char *Cmd, size_t CmdLen, const char *FilePath);
 
-/* The same into a file that is created or emptied first (mode 0666 less the umask), reaching the
- * disk before it returns. A child that another thread starts meanwhile may inherit the
- * descriptor. */
+/* The same into a file that is created or emptied first (mode 0666 less the umask), with a
+ * synchronous write. A child that another thread starts meanwhile may inherit the descriptor. */
 int OV_RTCWriteFileSync(const char *Cmd, int CmdLen, const char *FilePath);
 
 /* Reads "a.b.c.d/prefix" or "a.b.c.d" (prefix 32, with a warning) into *Ip (host byte order) and
  * *Mask. The slash in IpSubnet is overwritten with a NUL and must stand before position
  * IpSubnetLen. The prefix is not checked: its low 8 bits are stored. Returns 0, or negated
  * OV_RTC_ERROR_INVALID_PARAM (a null argument), OV_RTC_ERROR_BUFF_OVERFLOW (the slash stands too
- * far on) or OV_RTC_ERROR_BUFF_PARSE; *Mask is written only on success. */
+ * far on) or OV_RTC_ERROR_BUFF_PARSE. *Mask is written only on success; *Ip becomes 0 when the
+ * address cannot be read. */
 int OV_RTCParseIpSubnet(char *IpSubnet, int IpSubnetLen, u32 *Ip, u8 *Mask);
 
 OV_PUBLIC_END

@@ -61,32 +61,40 @@ static constexpr uint8_t WATCHDOG_CONFIG = 0x80;
 /* ioperm's ports: 0 to 1022. */
 static constexpr unsigned long RIGHTS_PORT_COUNT = 1023;
 
-static int _SwitchRelay(std::span<const PORT_STEP> Steps)
+/* Returns the operation's result; *Rights is what iopl said last. */
+static int _SwitchRelay(std::span<const PORT_STEP> Steps, int *Rights)
 {
-    const int Raised = iopl(3);
-    if (Raised != 0) {
-        OV_LOG_ERROR("Hard Bypass error(ret: %d)", Raised);
+    *Rights = iopl(3);
+    if (*Rights != 0) {
         return -1;
     }
     for (const PORT_STEP &Step : Steps) {
         outb(static_cast<uint8_t>((inb(Step.From) & Step.Keep) | Step.Set), Step.To);
     }
-    const int Lowered = iopl(0);
-    if (Lowered != 0) {
-        OV_LOG_ERROR("Hard Bypass error(ret: %d)", Lowered);
-        return -ENOENT;
-    }
-    return 0;
+    *Rights = iopl(0);
+    return *Rights == 0 ? 0 : -ENOENT;
 }
 
 int OV_RTCHuierJ1900Bypass(int Enable)
 {
-    return Enable ? _SwitchRelay(J1900_BYPASS) : _SwitchRelay(J1900_NO_BYPASS);
+    int Rights;
+
+    const int Result = _SwitchRelay(Enable ? J1900_BYPASS : J1900_NO_BYPASS, &Rights);
+    if (Result < 0) {
+        OV_LOG_ERROR("Hard Bypass error(ret: %d)", Rights);
+    }
+    return Result;
 }
 
 int OV_RTCHuierH61Bypass(int Enable)
 {
-    return Enable ? _SwitchRelay(H61_BYPASS) : _SwitchRelay(H61_NO_BYPASS);
+    int Rights;
+
+    const int Result = _SwitchRelay(Enable ? H61_BYPASS : H61_NO_BYPASS, &Rights);
+    if (Result < 0) {
+        OV_LOG_ERROR("Hard Bypass error(ret: %d)", Rights);
+    }
+    return Result;
 }
 
 static void _WriteRegister(uint8_t Register, uint8_t Value)

@@ -17,8 +17,8 @@ static constexpr const char *SYSTEM_LOG_PATH = "/var/log/messages";
 static const char *const s_AgentLogLevelStr[OV_AGENT_LOG_LEVEL_MAX] = {"DEBUG", "INFO", "WARN",
                                                                        "ERROR"};
 
-/* Filled by the constructors before other threads log. Of the file back end's state, Fp is
- * changed under s_AgentLogLock; IsNeedReCreate is set by any thread and cleared under the lock. */
+/* Filled by the constructors before other threads log. Once they do, Fp is changed under
+ * s_AgentLogLock alone; IsNeedReCreate is set by any thread and cleared under the lock. */
 static OV_AGENT_LOG s_AgentLog;
 
 /* Serialises the file back end. Recursive: a back end that logs from inside must not deadlock. */
@@ -46,7 +46,7 @@ static OV_ERR_T OV_GetTimeOfDay(struct timeval *Now)
 }
 
 /* The date and time of a second, as the last line of this thread had it: a busy log writes many
- * lines a second, and breaking the time down costs more than all the rest of a line. */
+ * lines a second, and breaking the time down and printing it is a third of a line's cost. */
 struct SECOND_TEXT {
     time_t Second;
     char Text[TIME_TEXT_SIZE]; /* empty until the first line */
@@ -113,6 +113,7 @@ static int _OV_AgentFileLogInit(OV_AGENT_LOG *Log)
 
 static void _OV_AgentFileLogRelease(OV_AGENT_LOG *Log)
 {
+    const CANCEL_SCOPE Whole;
     const MUTEX_SCOPE Lock(s_AgentLogLock);
 
     if (Log->FileLog.Fp != nullptr) {
@@ -142,6 +143,7 @@ static void OV_PRINTF_LIKE(2, 0)
     _OV_AgentFileLogValist(int /*Level*/, const char *Format, va_list Args)
 {
     const int CallerErrno = errno; /* a log line between a failure and its report changes nothing */
+    const CANCEL_SCOPE Whole;      /* a thread that ends here would keep the lock */
     char Time[TIME_TEXT_SIZE];
 
     _OV_AgentGetTimeStr(Time, sizeof(Time));
@@ -185,7 +187,7 @@ static OV_ERR_T _OV_AgentLogCtor(const char *Path, const char *Tag, OV_AGENT_LOG
     }
 
     /* In place before the start, and left in place when it fails: a program may then still log,
-     * and the file back end starts to write once its file can be opened. */
+     * and when the file check finds no file the next line tries to create it. */
     Record->Release = Release;
     Record->Log = Log;
     Record->LogValist = LogValist;

@@ -35,7 +35,7 @@ typedef enum _OV_AGENT_LOG_LEVEL {
 struct _OV_AGENT_LOG;
 
 /* A back end's operations. Init returns 0 or a negative errno value. Level is an
- * OV_AGENT_LOG_LEVEL; the format carries the prefix and the newline already. */
+ * OV_AGENT_LOG_LEVEL; the format carries prefix and newline already, where there are to be any. */
 typedef int (*OV_AGENT_LOG_INIT_FUNC)(struct _OV_AGENT_LOG *Log);
 typedef void (*OV_AGENT_LOG_RELEASE_FUNC)(struct _OV_AGENT_LOG *Log);
 typedef void (*OV_AGENT_LOG_FUNC)(int Level, const char *Format, ...) OV_PRINTF_LIKE(2, 3);
@@ -64,22 +64,23 @@ OV_AGENT_LOG *OV_AgentLogOps(void);
  * checked. */
 const char *OV_AgentLogLevel(OV_AGENT_LOG_LEVEL Level);
 
-/* Starts the file back end on Path (copied; at most 127 characters), appending. Returns 0,
- * -EOVERFLOW for a longer path (nothing is installed), or the negated errno of the open: the
- * operations are then installed all the same and skip their writes until the file can be opened.
- * Nothing that was constructed before is released: call OV_AgentLogDtor first. */
+/* Starts the file back end on Path (copied; at most 127 characters; null: the path of before),
+ * appending. Returns 0, -EOVERFLOW for a longer path (nothing is installed, the record keeps its
+ * first 127 characters), or the negated errno of the open: the operations are then installed all
+ * the same. Nothing that was constructed before is released: call OV_AgentLogDtor first. */
 OV_ERR_T OV_AgentFileLogCtor(const char *Path);
 
 /* Installs the caller's functions as the back end; both may be called from any thread. Returns 0.
  */
 OV_ERR_T OV_AgentCustomLogCtor(OV_AGENT_LOG_FUNC Log, OV_AGENT_LOG_VALIST_FUNC LogValist);
 
-/* Stops the back end (the file back end closes its file). The operations stay installed; a later
- * write to the file back end is skipped. */
+/* Stops the back end (the file back end closes its file). The operations stay installed: a write
+ * to the file back end is skipped, unless OV_AgentLogFileCheck finds the file gone meanwhile. */
 void OV_AgentLogDtor(void);
 
 /* To be called now and then, from any thread: restarts rsyslog when /var/log/messages is gone,
- * and has the next write create the agent log's file when that is gone. */
+ * and has the next write create the agent log's file when that is gone (or could never be opened
+ * and is not there). Until then lines go to the file that was deleted. */
 void OV_AgentLogFileCheck(void);
 
 /* Write one line at their level (OV_DumpInfo: info) as it stands: the caller's format carries
@@ -98,8 +99,8 @@ static inline int _OV_AgentLogLevelTranslatePaltform(int Level)
     return Level;
 }
 
-/* A log site. Format is a string literal; its arguments are evaluated only when the line is
- * written. End closes the record. */
+/* A log site. Format is a string literal; its arguments are evaluated only when level and back end
+ * let the line pass. End closes the record. */
 #define OV_LOG_SITE(Level, End, Format, ...)                                                   \
     do {                                                                                       \
         const OV_AGENT_LOG *LogSite_ = OV_AgentLogOps();                                       \

@@ -1,6 +1,10 @@
 /*
  * Scope guards for the library's own C++: what a scope opened or locked, it closes or unlocks on
  * every path out. One guard a type, declared here and nowhere else.
+ *
+ * A cancelled thread is no path out: the library is built without exceptions, so cancellation
+ * unwinds past these guards. Code that calls a cancellation point (any input or output) while it
+ * holds something stands under a CANCEL_SCOPE.
  */
 #ifndef ORVANE_SCOPE_H
 #define ORVANE_SCOPE_H
@@ -10,6 +14,24 @@
 #include <memory>
 #include <stdio.h>
 #include <unistd.h>
+
+/* Puts off the cancellation of this thread. */
+class CANCEL_SCOPE {
+  public:
+    CANCEL_SCOPE()
+    {
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &Before);
+    }
+    ~CANCEL_SCOPE()
+    {
+        pthread_setcancelstate(Before, nullptr);
+    }
+    CANCEL_SCOPE(const CANCEL_SCOPE &) = delete;
+    CANCEL_SCOPE &operator=(const CANCEL_SCOPE &) = delete;
+
+  private:
+    int Before;
+};
 
 class MUTEX_SCOPE {
   public:

@@ -172,6 +172,26 @@ TEST_F(AgentLog, LoggingKeepsErrnoAndTheFileFromChildren)
     EXPECT_FALSE(Contains(Descriptors, LOG_PATH)) << Descriptors;
 }
 
+/* Monitors are stopped by cancellation, which output is an occasion for. */
+TEST_F(AgentLog, AThreadCancelledWhileItLogsKeepsNoLock)
+{
+    ASSERT_EQ(OV_AgentFileLogCtor(LOG_PATH), 0);
+    pthread_t Thread;
+    const auto LogCancelled = [](void *) -> void * {
+        pthread_cancel(pthread_self());
+        OV_LOG_INFO("last words");
+        pthread_testcancel();
+        return nullptr;
+    };
+    void *Result = nullptr;
+    ASSERT_EQ(pthread_create(&Thread, nullptr, LogCancelled, nullptr), 0);
+    ASSERT_EQ(pthread_join(Thread, &Result), 0);
+    EXPECT_EQ(Result, PTHREAD_CANCELED);
+    OV_LOG_INFO("not stuck");
+    EXPECT_TRUE(Contains(ReadFile(LOG_PATH), "last words"));
+    EXPECT_TRUE(Contains(ReadFile(LOG_PATH), "not stuck"));
+}
+
 TEST_F(AgentLog, AFullDiskLosesLinesAndNothingElse)
 {
     ASSERT_EQ(OV_AgentFileLogCtor("/dev/full"), 0);

@@ -368,10 +368,10 @@ TEST_F(BoardDriver, RefusedRights)
     const auto Init = [] { return OV_RTCHuierFeedDogInit(30); };
     const STRINGS Hard = {"Hard Bypass error(ret: -1)"};
     const ROW Rows[] = {
-        {"B1904", -1, 0, 0, J1900, -1, "iopl3!", Hard, "_SwitchRelay"},
-        {"IEC-810N4SC", -1, 0, 0, H61, -1, "iopl3!", Hard, "_SwitchRelay"},
-        {"B1904", 0, -1, 0, J1900, -ENOENT, "A07<0C iopl0!", Hard, "_SwitchRelay"},
-        {"IEC-810N4SC", 0, -1, 0, H61, -ENOENT, "549<30 iopl0!", Hard, "_SwitchRelay"},
+        {"B1904", -1, 0, 0, J1900, -1, "iopl3!", Hard, "OV_RTCHuierJ1900Bypass"},
+        {"IEC-810N4SC", -1, 0, 0, H61, -1, "iopl3!", Hard, "OV_RTCHuierH61Bypass"},
+        {"B1904", 0, -1, 0, J1900, -ENOENT, "A07<0C iopl0!", Hard, "OV_RTCHuierJ1900Bypass"},
+        {"IEC-810N4SC", 0, -1, 0, H61, -ENOENT, "549<30 iopl0!", Hard, "OV_RTCHuierH61Bypass"},
         {"B1904", 0, 0, -1, Init, 0, "[02]<02", {}, ""},
         {"B1904",
          -1,

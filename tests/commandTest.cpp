@@ -6,7 +6,9 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <filesystem>
+#include <signal.h>
 #include <string.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 class Command : public testing::Test {
@@ -50,7 +52,7 @@ TEST_F(Command, CapturesWhatFitsAndNoMore)
         const STRINGS Log = TakeLog();
         ASSERT_EQ(Log.size(), Row.OverSize ? 1U : 0U);
         if (Row.OverSize) {
-            EXPECT_TRUE(IsLogLine(Log[0], "ERROR", "_CaptureLines", "csn_exec_cmd: over size"));
+            EXPECT_TRUE(IsLogLine(Log[0], "ERROR", "OV_RTCExecCmd", "csn_exec_cmd: over size"));
         }
     }
 }
@@ -75,6 +77,20 @@ TEST_F(Command, TenMegabytes)
     EXPECT_EQ(TakeLog().size(), 0U);
     EXPECT_EQ(OV_RTCExecCmd(PRINTS, Output.data(), 48), 32);
     EXPECT_EQ(TakeLog().size(), 1U);
+}
+
+TEST_F(Command, ASignalInTheMiddleIsNotTheEndOfOutput)
+{
+    struct sigaction Action = {};
+    struct itimerval Timer = {};
+    char Output[48];
+
+    Action.sa_handler = [](int) {}; /* without SA_RESTART */
+    sigaction(SIGALRM, &Action, nullptr);
+    Timer.it_value.tv_usec = 50000;
+    setitimer(ITIMER_REAL, &Timer, nullptr);
+    EXPECT_EQ(OV_RTCExecCmd("echo one; sleep 0.2; echo two", Output, sizeof(Output)), 8);
+    EXPECT_STREQ(Output, "one\ntwo\n");
 }
 
 TEST_F(Command, ACommandLineIsCutAt1022Characters)
