@@ -15,6 +15,7 @@
 #include "testSupport.h"
 
 #include <errno.h>
+#include <sys/io.h>
 
 static const char *const BOARD_PATH = "/tmp/board";
 
@@ -329,6 +330,135 @@ TEST_F(BoardDriver, Lihua8865LinesAndPairs)
     }
     OV_RTCBypass8865SetWdtoStateSystemReset();
     EXPECT_NE(Board->Ports[0x50C] & 0x40, 0);
+}
+
+/* The same operations on registers that are all zeros and all ones: a bit too many or too few in a
+ * mask cannot hide behind what the firmware left. */
+struct MASKS {
+    const char *ProductName;
+    std::vector<unsigned> Ports; /* of PortWidth bytes */
+    unsigned PortWidth;
+    std::vector<unsigned> Registers; /* of device 8 or F, global below 0x30 */
+    std::function<int()> Operation;
+    std::string FromZeros;
+    std::string FromOnes;
+};
+
+static uint8_t *RegisterPlace(BOARD_STATE *Board, unsigned Register)
+{
+    if (Register < 0x30) {
+        return &Board->SuperIo.Global[Register];
+    }
+    return &Board->SuperIo.Device[Register == 0xE9 ? 0x0F : 0x08][Register];
+}
+
+static std::string RunOn(uint8_t Background, const MASKS &Masks, BOARD_STATE *Board)
+{
+    std::string Result;
+
+    for (const unsigned Port : Masks.Ports) {
+        memset(Board->Ports + Port, Background, Masks.PortWidth);
+    }
+    for (const unsigned Register : Masks.Registers) {
+        *RegisterPlace(Board, Register) = Background;
+    }
+    Masks.Operation();
+    for (const unsigned Port : Masks.Ports) {
+        uint32_t Value = 0;
+        memcpy(&Value, Board->Ports + Port, Masks.PortWidth);
+        Result += Hex(Value, 2 * static_cast<int>(Masks.PortWidth)) + " ";
+    }
+    for (const unsigned Register : Masks.Registers) {
+        Result += Hex(*RegisterPlace(Board, Register), 2) + " ";
+    }
+    return Result;
+}
+
+TEST_F(BoardDriver, EveryMaskShows)
+{
+    static const std::vector<unsigned> H61 = {0x533, 0x537, 0x53B, 0x541, 0x545, 0x549};
+    static const std::vector<unsigned> PAIRS = {0x50C, 0x538, 0x548};
+    static const std::vector<unsigned> BANKS = {0x500, 0x504, 0x50C, 0x530, 0x534, 0x540, 0x544};
+    static const std::vector<unsigned> PINS = {0x1C, 0x30, 0xE0, 0xE1, 0xE4, 0xE9, 0xF7};
+    const MASKS Rows[] = {
+        {"B1904", {0xA07}, 1, {}, [] { return OV_RTCHuierJ1900Bypass(1); }, "00 ", "CF "},
+        {"B1904", {0xA07}, 1, {}, [] { return OV_RTCHuierJ1900Bypass(0); }, "30 ", "FF "},
+        {"IEC-810N4SC",
+         H61,
+         1,
+         {},
+         [] { return OV_RTCHuierH61Bypass(1); },
+         "02 00 00 01 00 00 ",
+         "FF FD FD FF FF FE "},
+        {"IEC-810N4SC",
+         H61,
+         1,
+         {},
+         [] { return OV_RTCHuierH61Bypass(0); },
+         "02 00 02 01 00 01 ",
+         "FF FD FF FF FE FF "},
+        {"CARLOW",
+         PAIRS,
+         4,
+         {},
+         [] { return OV_RTCLihua8865Bypass(1); },
+         "00000002 00B00004 00000080 ",
+         "FFEFFFFB FFBFFFFF FFFFFFFF "},
+        {"CARLOW",
+         PAIRS,
+         4,
+         {},
+         [] { return OV_RTCLihua8865Bypass(0); },
+         "00000000 00B00000 00000000 ",
+         "FFEFFFF9 FFBFFFFB FFFFFF7F "},
+        {"CARLOW",
+         PAIRS,
+         4,
+         {},
+         [] {
+             OV_RTCBypass8865SetPoweroffBp(0);
+             OV_RTCBypass8865SetWdtoStateSystemReset();
+             return 0;
+         },
+         "00100044 00400000 00000000 ",
+         "FFFFFFFF FF4FFFFF FFFFFFFF "},
+        {"CARLOW",
+         BANKS,
+         4,
+         {0x2D, 0x30},
+         [] { return OV_RTCLihua8865FeedDogInit(0); },
+         "00100046 00000000 00000000 00F00004 00000000 00000080 00000000 00 01 ",
+         "FFFFFFFF FFEFFFB9 FFFFFFBF FFFFFFFF FF0FFFFB FFFFFFFF FFFFFF7F FE FF "},
+        {"CARLOW",
+         {},
+         4,
+         {0x30, 0xF5, 0xF7},
+         [] { return OV_RTCLihua8865FeedDog(30); },
+         "01 00 00 ",
+         "01 F7 00 "},
+        {"Aptio CRB",
+         {},
+         1,
+         PINS,
+         [] { return OV_RTCQiYangJ1900Bypass(1); },
+         "42 03 00 00 00 00 00 ",
+         "FF 03 DD F1 DD DD EF "},
+        {"Aptio CRB",
+         {},
+         1,
+         PINS,
+         [] { return OV_RTCQiYangJ1900Bypass(0); },
+         "42 03 00 02 00 00 00 ",
+         "FF 03 DD F3 DD DD EF "},
+    };
+    for (const MASKS &Row : Rows) {
+        SCOPED_TRACE(Row.FromZeros);
+        Use(Row.ProductName);
+        iopl(3); /* for the routines that leave it to the board's operation */
+        EXPECT_EQ(RunOn(0x00, Row, Board), Row.FromZeros);
+        iopl(3);
+        EXPECT_EQ(RunOn(0xFF, Row, Board), Row.FromOnes);
+    }
 }
 
 /* A watchdog that nobody feeds throws each board into bypass, and feeding it again ends that. */
