@@ -4,16 +4,18 @@
  *
  *   feeddog [-t TIMEOUT] [-p PERIOD] [-q QUIET]
  *
- * It arms the board's watchdog with TIMEOUT (30, in the board's unit) and feeds it every PERIOD
- * seconds (5) while /etc/feeddog.conf and the signals want it. SIGUSR1 switches feeding on.
- * SIGUSR2 switches it off: the ports belong to bypass_cmd from then on, so the daemon touches
- * nothing for QUIET seconds (3, longer than any board's relay takes) and then stops the watchdog,
- * which would otherwise throw the board into bypass. SIGTERM and SIGINT stop the watchdog and end
- * the daemon, after such a quiet time where one is running.
+ * It arms the board's watchdog with TIMEOUT (30, in the board's unit, which is a second or longer)
+ * and feeds it every PERIOD seconds (5) while /etc/feeddog.conf and the signals want it. SIGUSR1
+ * switches feeding on. SIGUSR2 switches it off: the ports belong to bypass_cmd from then on, so the
+ * daemon touches nothing for QUIET seconds (3, longer than any board's relay takes). Then it feeds
+ * again, if it was told to meanwhile, or stops the watchdog, which would otherwise throw the board
+ * into bypass. SIGTERM and SIGINT stop the watchdog and end the daemon, after what is left of a
+ * quiet time.
  */
 #include "linuxRtcBypass.h"
 #include "orvaneLibrtcLog.h"
 
+#include <algorithm>
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
@@ -35,9 +37,16 @@ struct OPTIONS {
 };
 
 enum class STATE {
-    IDLE,    /* watchdog stopped, nothing to do */
-    FEEDING, /* watchdog armed */
-    QUIET    /* watchdog still armed, ports left to bypass_cmd */
+    RESTING, /* watchdog stopped, nothing to do but wait for a signal */
+    FEEDING, /* watchdog armed; to be fed at the deadline */
+    QUIET    /* the ports are bypass_cmd's until the deadline; the watchdog may be armed */
+};
+
+/* What arrived since the last look, in no order: pending signals keep none. */
+struct SIGNALS {
+    bool Enable;
+    bool Disable;
+    bool End;
 };
 
 /* Without a file, feeding is wanted. */
@@ -60,9 +69,8 @@ static bool FeedingWanted()
  * stopping readies the chip anew. */
 static STATE Arm(int32_t Platform, const OPTIONS &Options)
 {
-    g_BypassFeedDogEnable = 1;
     if (OV_RTCFeedDogInit(Platform, Options.Timeout) < 0) {
-        return STATE::IDLE;
+        return STATE::RESTING;
     }
     OV_RTCFeedDog(Platform, Options.Timeout);
     return STATE::FEEDING;
@@ -75,56 +83,81 @@ static STATE Disarm(int32_t Platform)
         OV_RTCFeedDog(Platform, 0);
         OV_RTCFeedDogUninit(Platform);
     }
-    return STATE::IDLE;
+    return STATE::RESTING;
 }
 
-/* Waits for a signal of Set; 0 when the seconds have passed first. */
-static int WaitForSignal(const sigset_t &Set, int Seconds)
+static int64_t MilliSeconds()
 {
-    const struct timespec Wait = {Seconds, 0};
+    struct timespec Now;
 
-    for (;;) {
-        const int Signal = sigtimedwait(&Set, nullptr, &Wait);
-        if (Signal > 0) {
-            return Signal;
-        }
-        if (errno == EAGAIN) {
-            return 0;
-        }
+    clock_gettime(CLOCK_MONOTONIC, &Now);
+    return int64_t{Now.tv_sec} * 1000 + Now.tv_nsec / 1000000;
+}
+
+/* Waits until a signal is pending or the deadline has come (null: without end), then takes all. */
+static SIGNALS TakeSignals(const sigset_t &Set, const int64_t *Deadline)
+{
+    SIGNALS Taken = {};
+    struct timespec Wait = {};
+
+    if (Deadline != nullptr) {
+        const int64_t Left = std::max<int64_t>(*Deadline - MilliSeconds(), 0);
+        Wait = {Left / 1000, Left % 1000 * 1000000};
     }
+    int Signal = sigtimedwait(&Set, nullptr, Deadline == nullptr ? nullptr : &Wait);
+    do { /* also after a wait without a signal: a process that was stopped is woken by none */
+        Taken.Enable |= Signal == SIGUSR1;
+        Taken.Disable |= Signal == SIGUSR2;
+        Taken.End |= Signal == SIGTERM || Signal == SIGINT;
+        Wait = {};
+        Signal = sigtimedwait(&Set, nullptr, &Wait);
+    } while (Signal > 0);
+    return Taken;
 }
 
-static void Run(int32_t Platform, const OPTIONS &Options, const sigset_t &Signals)
+static void Run(int32_t Platform, const OPTIONS &Options, const sigset_t &Set)
 {
-    STATE State = FeedingWanted() ? Arm(Platform, Options) : STATE::IDLE;
+    /* Quiet until now: the first look at the signals comes before the first port, and a watchdog
+     * that a killed daemon left armed is stopped where feeding is not wanted. */
+    STATE State = STATE::QUIET;
+    int64_t Deadline = MilliSeconds();
+    int64_t Expiry = INT64_MAX; /* a second before the watchdog's */
     bool Ending = false;
 
-    while (!Ending || State != STATE::IDLE) {
-        if (Ending && State == STATE::FEEDING) {
-            State = Disarm(Platform);
+    g_BypassFeedDogEnable = FeedingWanted();
+    while (!Ending || State != STATE::RESTING) {
+        const SIGNALS Taken = TakeSignals(Set, State == STATE::RESTING ? nullptr : &Deadline);
+        const int64_t Now = MilliSeconds();
+
+        Ending |= Taken.End;
+        if (Taken.Disable) {
+            OV_RTCFeedDogDisable();
+        }
+        if (Taken.Enable) {
+            /* After both, the file knows: it is written before the signal is sent. */
+            g_BypassFeedDogEnable = !Taken.Disable || FeedingWanted();
+        }
+        if (Taken.Disable && (State != STATE::RESTING || g_BypassFeedDogEnable)) {
+            /* However often this comes, the watchdog must not run out meanwhile. */
+            State = STATE::QUIET;
+            Deadline = std::min(Now + Options.QuietSeconds * 1000, Expiry);
+        } else if ((State == STATE::RESTING && g_BypassFeedDogEnable) ||
+                   (State == STATE::FEEDING && Ending)) {
+            State = STATE::QUIET;
+            Deadline = Now;
+        }
+        if (State == STATE::RESTING || Now < Deadline) {
             continue;
         }
-        const int Signal = WaitForSignal(Signals, State == STATE::QUIET ? Options.QuietSeconds
-                                                                        : Options.PeriodSeconds);
-        switch (Signal) {
-        case SIGUSR1:
+        if (State == STATE::FEEDING) {
+            OV_RTCFeedDog(Platform, Options.Timeout);
+        } else if (g_BypassFeedDogEnable && !Ending) {
             State = Arm(Platform, Options);
-            break;
-        case SIGUSR2:
-            OV_RTCFeedDogDisable();
-            State = State == STATE::IDLE ? STATE::IDLE : STATE::QUIET;
-            break;
-        case SIGTERM:
-        case SIGINT:
-            Ending = true;
-            break;
-        default:
-            if (State == STATE::FEEDING) {
-                OV_RTCFeedDog(Platform, Options.Timeout);
-            } else if (State == STATE::QUIET) {
-                State = Disarm(Platform);
-            }
+        } else {
+            State = Disarm(Platform);
         }
+        Deadline = Now + Options.PeriodSeconds * 1000;
+        Expiry = State == STATE::FEEDING ? Now + (Options.Timeout - 1) * 1000 : INT64_MAX;
     }
 }
 
@@ -147,8 +180,7 @@ static bool ReadOptions(int argc, char *argv[], OPTIONS *Options)
             return false;
         }
     }
-    return optind == argc && Options->PeriodSeconds < Options->Timeout &&
-           Options->QuietSeconds + Options->PeriodSeconds < Options->Timeout;
+    return optind == argc && Options->QuietSeconds + Options->PeriodSeconds < Options->Timeout;
 }
 
 int main(int argc, char *argv[])
@@ -157,11 +189,18 @@ int main(int argc, char *argv[])
     sigset_t Signals;
 
     if (!ReadOptions(argc, argv, &Options)) {
-        fputs("usage: feeddog [-t TIMEOUT] [-p PERIOD] [-q QUIET]   seconds, PERIOD + QUIET below "
-              "TIMEOUT\n",
+        fputs("usage: feeddog [-t TIMEOUT] [-p PERIOD] [-q QUIET]   PERIOD + QUIET below TIMEOUT\n",
               stderr);
         return 2;
     }
+    if (OV_AgentFileLogCtor(LOG_PATH) < 0) {
+        fprintf(stderr, "feeddog: %s: %s\n", LOG_PATH, strerror(errno));
+        return 1;
+    }
+    const int32_t Running = OV_RTCFeedDogCheckRunning();
+    const bool Alone = Running == 0 || Running == getpid(); /* a number left from before a boot */
+    const int32_t Platform = Alone ? OV_RTCBypassPlatFormGet() : -1;
+    int Status = 1;
 
     /* Blocked before the PID file stands: whoever reads that may signal at once, and an unblocked
      * SIGUSR1 would end the process. */
@@ -170,15 +209,7 @@ int main(int argc, char *argv[])
         sigaddset(&Signals, Signal);
     }
     sigprocmask(SIG_BLOCK, &Signals, nullptr);
-
-    if (OV_AgentFileLogCtor(LOG_PATH) < 0) {
-        fprintf(stderr, "feeddog: %s: %s\n", LOG_PATH, strerror(errno));
-        return 1;
-    }
-    int Status = 1;
-    const int32_t Running = OV_RTCFeedDogCheckRunning();
-    const int32_t Platform = Running == 0 ? OV_RTCBypassPlatFormGet() : -1;
-    if (Running != 0) {
+    if (!Alone) {
         OV_LOG_ERROR("feeddog already runs (%d)", Running);
     } else if (Platform > 0 && OV_RTCFeedDogWritePidFile() == 0) {
         Run(Platform, Options, Signals);

@@ -54,9 +54,9 @@ void OV_RTCFeedDogDisable(void);
  * low 8 bits unless it is 0, the others ignore it. Returns the driver's result, 0 or -1. */
 int32_t OV_RTCFeedDogInit(const int32_t Platform, const int32_t Timeout);
 
-/* Loads the watchdog's counter with the low 8 bits of Timeout, in the unit that the board's
- * firmware chose; 0 stops it. Needs OV_RTCFeedDogInit in the same process. Returns 0 whatever the
- * driver did, or -1 for a Platform outside the table. */
+/* Loads the watchdog's counter with the low 8 bits of Timeout, in the unit that the chip is set to;
+ * 0 stops it. Needs OV_RTCFeedDogInit in the same process. Returns 0 whatever the driver did, or -1
+ * for a Platform outside the table. */
 int32_t OV_RTCFeedDog(const int32_t Platform, const int32_t Timeout);
 
 /* Ends feeding: leaves the chip's configuration mode (QiYang), stops the watchdog (LiHua) or does

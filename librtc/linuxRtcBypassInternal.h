@@ -2,8 +2,9 @@
  * What the bypass calls and the board drivers share: the table row of a board and the drivers'
  * operations that stand in it. A driver knows ports and the log, nothing else.
  *
- * Every driver operation that switches or feeds does real port I/O. Those that feed (FeedDog) rely
- * on the port rights and the chip mode that the same process's FeedDogInit left.
+ * Every driver operation that switches or feeds does real port I/O. On the QiYang and Huier boards
+ * FeedDog relies on the port rights, on the QiYang also on the chip mode, that FeedDogInit of the
+ * same process left; on the LiHua it brings its own.
  */
 #ifndef LINUX_RTC_BYPASS_INTERNAL_H
 #define LINUX_RTC_BYPASS_INTERNAL_H

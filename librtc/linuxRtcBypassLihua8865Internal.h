@@ -17,7 +17,7 @@ void OV_RTCBypass8865ExitW83627Config();
 uint8_t OV_RTCBypass8865ReadW83627Config(int32_t LDN, int32_t Reg);
 void OV_RTCBypass8865WriteW83627Config(int32_t LDN, int32_t Reg, int32_t Value);
 
-/* Starts the watchdog with the low 8 bits of Watchdog_time; its unit is the firmware's choice. */
+/* Starts the watchdog with the low 8 bits of Watchdog_time, in the unit of its control register. */
 void OV_RTCBypass8865StartWatchdogTimer(int32_t Watchdog_time);
 void OV_RTCBypass8865StopWatchdogTimer();
 

@@ -1,6 +1,7 @@
 /*
  * QiYang J1900: the relay and the watchdog hang on a Nuvoton NCT6791D. Its GPIO pins stand in
- * groups of 16; each group has its registers in one logical device.
+ * groups of 16; a group has its registers in one logical device, but for the output type, which
+ * all groups have in device 0x0F.
  *
  * The chip stays in configuration mode from FeedDogInit to FeedDogUninit. A bypass enters and
  * leaves it by itself, and so ends the daemon's period too: that is why the daemon is silenced
@@ -32,7 +33,8 @@ static constexpr int MONITOR_DATA_OFFSET = 6;
 static constexpr uint8_t MONITOR_BANK_SELECT = 0x4E;
 static constexpr uint8_t MONITOR_BANK = 4;
 
-/* The two pins beside the relay's that every watchdog access sets up as outputs. */
+/* The two pins of group 0 that every watchdog access sets up as outputs; the first is the relay's
+ * side. */
 static constexpr int PIN_FIRST = 1;
 static constexpr int PIN_SECOND = 5;
 static constexpr int PINS_PER_GROUP = 16;
@@ -225,8 +227,7 @@ static void _OV_RTCQiYangJ1900BypassUninit()
     NCT6791D_Exit_SIO(SIO_INDEX_PORT);
 }
 
-/* The relay keeps its place without power: the side is put on one bit, then a pulse on the other
- * moves the contacts. */
+/* One bit says which side, a pulse on the other moves the relay. */
 static void _MoveRelay(uint8_t Side)
 {
     OV_RTCOutPortb(SIO_INDEX_PORT, REG_GPIO0_DATA);

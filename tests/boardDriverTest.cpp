@@ -158,6 +158,11 @@ TEST_F(BoardDriver, QiYangJ1900)
     static const std::string LEAVE = " 2E<AAp iopl0";
 
     Use("Aptio CRB");
+    EXPECT_EQ(OV_RTCQiYangJ1900FeedDogInit(30), 0);
+    const BOARD_ACCESS *Keys = Board->Trace + 1; /* behind iopl: key, pause, key */
+    EXPECT_GE(Keys[2].MilliSeconds - Keys[0].MilliSeconds, 1);
+
+    Use("Aptio CRB");
     Walk({{"bypass", [] { return OV_RTCQiYangJ1900Bypass(1); }, 0,
            ENTER + STOP + PINS_FIRST + FIRST_RESET + " [E1]>A2p 2F<A4p [E1]>A4p 2F<A0p" + LEAVE,
            RELAY_BYPASS, 0},
@@ -239,8 +244,8 @@ static std::string Config(const char *Access, const char *Device = "08")
 TEST_F(BoardDriver, Lihua8865)
 {
     static const std::string START_WITHOUT_COUNT =
-        "iopl3" + Config("[F6]<00") + Config("[F5]>0C") + Config("[F5]<04") + Config("[F7]>10") +
-        Config("[F7]<00") + Config("[F7]>00") + Config("[F7]<00") + Config("[30]<01");
+        "iopl3" + Config("[F6]<00") + Config("[F5]>0C") + Config("[F5]<04") + Config("[F7]>FF") +
+        Config("[F7]<EF") + Config("[F7]>EF") + Config("[F7]<00") + Config("[30]<01");
     static const std::string RESTART_WITHOUT_COUNT =
         "iopl3" + Config("[F6]<00") + Config("[F5]>04") + Config("[F5]<04") + Config("[F7]>00") +
         Config("[F7]<00") + Config("[F7]>00") + Config("[F7]<00") + Config("[30]<01");
@@ -262,8 +267,12 @@ TEST_F(BoardDriver, Lihua8865)
            " 538>00B00004p 538<00B00004p 538>00B00004p 538<00B00004p"
            " 50C>00000043p 50C<00000041p 538>00B00004p 538<00B00000p 548>00000180p 548<00000100p",
            RELAY_NO_BYPASS, 0},
-          {"feed 300", [] { return OV_RTCLihua8865FeedDog(300); }, 0,
-           START_WITHOUT_COUNT + Config("[F6]<2C") + " 50C>00000041p 50C<00000001p iopl0",
+          {"feed 300",
+           [this] {
+               Board->SuperIo.Device[0x08][0xF7] = 0xFF;
+               return OV_RTCLihua8865FeedDog(300);
+           },
+           0, START_WITHOUT_COUNT + Config("[F6]<2C") + " 50C>00000041p 50C<00000001p iopl0",
            RELAY_NO_BYPASS, 44},
           {"feed 5", [] { return OV_RTCLihua8865FeedDog(5); }, 0,
            RESTART_WITHOUT_COUNT + Config("[F6]<05") + " 50C>00000001p 50C<00000001p iopl0",
@@ -319,6 +328,9 @@ TEST_F(BoardDriver, Lihua8865LinesAndPairs)
     }
     EXPECT_EQ(TakeTrace(), "");
 
+    OV_RTCBypass8865SetPoweroffBpStatus(2, 0);
+    EXPECT_EQ(TakeTrace(), "538>00B00000p 538<00300000p 50C>00000041p 50C<00000045p");
+
     for (int32_t Pair = 1; Pair <= 3; Pair++) {
         const auto Number = static_cast<unsigned>(Pair);
         OV_RTCBypass8865SetBpStatus(Pair, 1);
@@ -327,6 +339,8 @@ TEST_F(BoardDriver, Lihua8865LinesAndPairs)
         EXPECT_EQ(BoardRelayWhenOff(Board, Number), RELAY_NO_BYPASS);
         OV_RTCBypass8865SetPoweroffBpStatus(Pair, 1);
         EXPECT_EQ(BoardRelayWhenOff(Board, Number), RELAY_BYPASS);
+        OV_RTCBypass8865SetRuntimeBypassDisable(0x10U << (Number - 1)); /* by mask */
+        EXPECT_EQ(BoardRelay(Board, Number), RELAY_NO_BYPASS);
     }
     OV_RTCBypass8865SetWdtoStateSystemReset();
     EXPECT_NE(Board->Ports[0x50C] & 0x40, 0);
@@ -466,6 +480,8 @@ TEST_F(BoardDriver, AHungAppliance)
 {
     static constexpr const char *PRODUCTS[] = {nullptr, "Aptio CRB", "B1904", "IEC-810N4SC",
                                                "CARLOW"};
+    static const std::string UNINITS[] = {"", "2E<AAp", "", "",
+                                          "iopl3 2E<87p 2E<87p [07]<08p [F6]<00p 2E<AAp iopl0"};
     for (int Platform = 1; Platform <= 4; Platform++) {
         SCOPED_TRACE(PRODUCTS[Platform]);
         const OV_RTC_BYPASS_OPS &Ops = g_RtcBypassTable[Platform];
@@ -479,6 +495,9 @@ TEST_F(BoardDriver, AHungAppliance)
         EXPECT_EQ(Ops.FeedDog(30), 0);
         EXPECT_EQ(BoardRelay(Board, 1), RELAY_NO_BYPASS);
         EXPECT_EQ(Board->ResetCount, 0U);
+        BoardClearTrace(Board);
+        EXPECT_EQ(Ops.FeedDogUninit(), 0);
+        EXPECT_EQ(TakeTrace(), UNINITS[Platform]);
     }
 }
 

@@ -250,9 +250,27 @@ TEST_F(BypassCmd, ARunningDaemonIsSilencedFirst)
         /* Enabling wakes it, and it ends with its watchdog stopped and its file removed. */
         EXPECT_EQ(Run({"bypass_cmd", "-b", "0", "-m", "1"}), 0);
         EXPECT_TRUE(WaitUntil([&] { return BoardWatchdogRemaining(Board) > 0; }));
+
+        /* Both signals before it looks: the file says what was meant. */
+        kill(Daemon, SIGSTOP);
+        EXPECT_EQ(Run({"bypass_cmd", "-b", "0", "-m", "1"}), 0);
+        const auto Feedings = [&] {
+            return std::count_if(Board->Trace, Board->Trace + Board->TraceCount,
+                                 [](const BOARD_ACCESS &Entry) {
+                                     return std::string(Entry.Process) == "feeddog" &&
+                                            Contains(Entry.Note, "watchdog counter");
+                                 });
+        };
+        const auto Before = Feedings();
+        kill(Daemon, SIGCONT);
+        EXPECT_TRUE(WaitUntil([&] { return Feedings() >= Before + 3; })) << "it goes on feeding";
+        EXPECT_GT(BoardWatchdogRemaining(Board), 0U);
         EXPECT_FALSE(std::filesystem::exists("/run/services"));
         EXPECT_EQ(StopDaemon(), 0);
         EXPECT_EQ(BoardWatchdogRemaining(Board), 0U);
+        const std::string Log = ReadFile(LOG_PATH);
+        EXPECT_TRUE(Contains(Log, "]feeddog init success(ret: 0 timeout: 60)\n"));
+        EXPECT_TRUE(Contains(Log, "]feeddog uninit success(ret: 0)\n"));
         EXPECT_TRUE(Relays(RELAY_NO_BYPASS));
         EXPECT_FALSE(std::filesystem::exists(PID_PATH));
         EXPECT_EQ(Board->FaultCount, 0U);
@@ -277,5 +295,10 @@ TEST_F(BypassCmd, TheDaemonFollowsItsFile)
     EXPECT_GT(BoardWatchdogRemaining(Board), 0U);
     EXPECT_EQ(Run({"bypass_cmd", "-m", "0"}), 0);
     EXPECT_EQ(ReadFile(OUTPUT_PATH), "Remove a zombie pid file /var/run/feeddog.pid\n");
+
+    /* The next one, which is not to feed, stops it. */
+    StartDaemon({"feeddog", "-t", "60", "-p", "1", "-q", "1"});
+    EXPECT_TRUE(WaitUntil([&] { return BoardWatchdogRemaining(Board) == 0; }));
+    EXPECT_EQ(StopDaemon(), 0);
     EXPECT_EQ(Run({"feeddog", "-t", "5", "-p", "3", "-q", "3"}), 2) << "would expire when silenced";
 }
