@@ -111,22 +111,25 @@ class BoardDriver : public testing::Test {
     BOARD_STATE *Board = nullptr;
 };
 
-/* One operation on the board as the one before it left it. */
+/* One operation, which returns 0, on the board as the one before it left it. */
 struct STEP {
-    const char *Name;
     std::function<int()> Operation;
-    int Result;
     std::string Trace;
     BOARD_RELAY Relay;
     uint32_t WatchdogSeconds;
 };
 
+template <typename... PARAMETERS>
+static std::function<int()> Do(int (*Operation)(PARAMETERS...), PARAMETERS... Arguments)
+{
+    return [=] { return Operation(Arguments...); };
+}
+
 static void Walk(const std::vector<STEP> &Steps, BOARD_STATE *Board,
                  const std::function<std::string()> &TakeTrace)
 {
     for (const STEP &Step : Steps) {
-        SCOPED_TRACE(Step.Name);
-        EXPECT_EQ(Step.Operation(), Step.Result);
+        EXPECT_EQ(Step.Operation(), 0);
         EXPECT_EQ(TakeTrace(), Step.Trace);
         for (unsigned Pair = 1; Pair <= BoardRelayCount(Board); Pair++) {
             EXPECT_EQ(BoardRelay(Board, Pair), Step.Relay) << "pair " << Pair;
@@ -163,23 +166,21 @@ TEST_F(BoardDriver, QiYangJ1900)
     EXPECT_GE(Keys[2].MilliSeconds - Keys[0].MilliSeconds, 1);
 
     Use("Aptio CRB");
-    Walk({{"bypass", [] { return OV_RTCQiYangJ1900Bypass(1); }, 0,
-           ENTER + STOP + PINS_FIRST + FIRST_RESET + " [E1]>A2p 2F<A4p [E1]>A4p 2F<A0p" + LEAVE,
+    Board->SuperIo.Device[0x08][0xE1] = 0xAA;
+    Walk({{Do(OV_RTCQiYangJ1900Bypass, 1),
+           ENTER + STOP + PINS_FIRST + FIRST_RESET + " [E1]>AAp 2F<A4p [E1]>A4p 2F<A0p" + LEAVE,
            RELAY_BYPASS, 0},
-          {"neither", [] { return OV_RTCQiYangJ1900Bypass(2); }, 0,
-           ENTER + STOP + PINS + RESET + LEAVE, RELAY_BYPASS, 0},
-          {"no bypass", [] { return OV_RTCQiYangJ1900Bypass(0); }, 0,
+          {Do(OV_RTCQiYangJ1900Bypass, 2), ENTER + STOP + PINS + RESET + LEAVE, RELAY_BYPASS, 0},
+          {Do(OV_RTCQiYangJ1900Bypass, 0),
            ENTER + STOP + PINS + RESET + " [E1]>A0p 2F<A6p [E1]>A6p 2F<A2p" + LEAVE,
            RELAY_NO_BYPASS, 0},
-          {"init", [] { return OV_RTCQiYangJ1900FeedDogInit(30); }, 0, ENTER, RELAY_NO_BYPASS, 0},
-          {"feed 5", [] { return OV_RTCQiYangJ1900FeedDog(5); }, 0,
-           "[07]<08p [30]<01p [F6]<05p" + PINS, RELAY_NO_BYPASS, 5},
-          {"feed 300", [] { return OV_RTCQiYangJ1900FeedDog(300); }, 0,
-           "[07]<08p [30]<01p [F6]<2Cp" + PINS, RELAY_NO_BYPASS, 44},
-          {"feed 0", [] { return OV_RTCQiYangJ1900FeedDog(0); }, 0, STOP.substr(1) + PINS + RESET,
-           RELAY_NO_BYPASS, 0},
-          {"uninit", [] { return OV_RTCQiYangJ1900FeedDogUninit(); }, 0, "2E<AAp", RELAY_NO_BYPASS,
-           0}},
+          {Do(OV_RTCQiYangJ1900FeedDogInit, 30), ENTER, RELAY_NO_BYPASS, 0},
+          {Do(OV_RTCQiYangJ1900FeedDog, 5U), "[07]<08p [30]<01p [F6]<05p" + PINS, RELAY_NO_BYPASS,
+           5},
+          {Do(OV_RTCQiYangJ1900FeedDog, 300U), "[07]<08p [30]<01p [F6]<2Cp" + PINS, RELAY_NO_BYPASS,
+           44},
+          {Do(OV_RTCQiYangJ1900FeedDog, 0U), STOP.substr(1) + PINS + RESET, RELAY_NO_BYPASS, 0},
+          {Do(OV_RTCQiYangJ1900FeedDogUninit), "2E<AAp", RELAY_NO_BYPASS, 0}},
          Board, [this] { return TakeTrace(); });
     EXPECT_EQ(Board->FaultCount, 0U); /* a pulse shorter than a second would be one */
 }
@@ -189,46 +190,40 @@ static const std::string HUIER_ENTER = "2E<87 2E<01 2E<55 2E<55 [07]<07 ";
 TEST_F(BoardDriver, HuierJ1900AndTheSharedWatchdog)
 {
     Use("B1904");
-    Walk({{"bypass", [] { return OV_RTCHuierJ1900Bypass(5); }, 0,
-           "iopl3 A07>3C A07<2C A07>2C A07<0C iopl0", RELAY_BYPASS, 0},
-          {"no bypass", [] { return OV_RTCHuierJ1900Bypass(0); }, 0,
-           "iopl3 A07>0C A07<1C A07>1C A07<3C iopl0", RELAY_NO_BYPASS, 0},
-          {"init 0", [] { return OV_RTCHuierFeedDogInit(0); }, 0, "ioperm0+1023", RELAY_NO_BYPASS,
+    Walk({{Do(OV_RTCHuierJ1900Bypass, 5), "iopl3 A07>3C A07<2C A07>2C A07<0C iopl0", RELAY_BYPASS,
            0},
-          {"init 30", [] { return OV_RTCHuierFeedDogInit(30); }, 0,
+          {Do(OV_RTCHuierJ1900Bypass, 0), "iopl3 A07>0C A07<1C A07>1C A07<3C iopl0",
+           RELAY_NO_BYPASS, 0},
+          {Do(OV_RTCHuierFeedDogInit, 0), "ioperm0+1023", RELAY_NO_BYPASS, 0},
+          {Do(OV_RTCHuierFeedDogInit, 30),
            "ioperm0+1023 " + HUIER_ENTER + "[72]<80 [73]<1E [02]<02", RELAY_NO_BYPASS, 30},
-          {"feed 5", [] { return OV_RTCHuierFeedDog(5); }, 0,
-           HUIER_ENTER + "[73]<05 [74]<00 [02]<02", RELAY_NO_BYPASS, 5},
-          {"feed 300", [] { return OV_RTCHuierFeedDog(300); }, 0,
-           HUIER_ENTER + "[73]<2C [74]<00 [02]<02", RELAY_NO_BYPASS, 44},
-          {"uninit", [] { return OV_RTCHuierFeedDogUninit(); }, 0, "", RELAY_NO_BYPASS, 44},
-          {"feed 0", [] { return OV_RTCHuierFeedDog(0); }, 0,
-           HUIER_ENTER + "[71]<00 [73]<00 [74]<00 [02]<02", RELAY_NO_BYPASS, 0}},
+          {Do(OV_RTCHuierFeedDog, 5U), HUIER_ENTER + "[73]<05 [74]<00 [02]<02", RELAY_NO_BYPASS, 5},
+          {Do(OV_RTCHuierFeedDog, 300U), HUIER_ENTER + "[73]<2C [74]<00 [02]<02", RELAY_NO_BYPASS,
+           44},
+          {Do(OV_RTCHuierFeedDogUninit), "", RELAY_NO_BYPASS, 44},
+          {Do(OV_RTCHuierFeedDog, 0U), HUIER_ENTER + "[71]<00 [73]<00 [74]<00 [02]<02",
+           RELAY_NO_BYPASS, 0}},
          Board, [this] { return TakeTrace(); });
 }
 
 TEST_F(BoardDriver, HuierH61)
 {
     Use("IEC-810N4SC");
-    Walk({{"bypass", [] { return OV_RTCHuierH61Bypass(1); }, 0,
+    Walk({{Do(OV_RTCHuierH61Bypass, 1),
            "iopl3 533>41 533<43 537>82 537<80 53B>42 53B<40 541>10 541<11 545>30 549<30 549>30 "
            "549<30 iopl0",
            RELAY_BYPASS, 0},
-          {"no bypass",
-           [this] {
+          {[this] {
                Board->Ports[0x545] = 0x31; /* so that the clearing shows */
                return OV_RTCHuierH61Bypass(0);
            },
-           0,
            "iopl3 533>43 533<43 537>80 537<80 53B>40 53B<42 541>11 541<11 545>31 545<30 549>30 "
            "549<31 iopl0",
            RELAY_NO_BYPASS, 0},
-          {"the crossed step",
-           [this] {
+          {[this] {
                Board->Ports[0x545] = 0xC1;
                return OV_RTCHuierH61Bypass(1);
            },
-           0,
            "iopl3 533>43 533<43 537>80 537<80 53B>42 53B<40 541>11 541<11 545>C1 549<C0 549>C0 "
            "549<C0 iopl0",
            RELAY_UNDEFINED, 0}},
@@ -251,7 +246,7 @@ TEST_F(BoardDriver, Lihua8865)
         Config("[F7]<00") + Config("[F7]>00") + Config("[F7]<00") + Config("[30]<01");
 
     Use("CARLOW");
-    Walk({{"bypass", [] { return OV_RTCLihua8865Bypass(1); }, 0,
+    Walk({{Do(OV_RTCLihua8865Bypass, 1),
            "iopl3"
            " 538>00400000p 538<00600000p 50C>00100045p 50C<00000045p"
            " 538>00600000p 538<00E00000p 50C>00000045p 50C<00000041p"
@@ -260,26 +255,25 @@ TEST_F(BoardDriver, Lihua8865)
            " 538>00B00000p 538<00B00000p 50C>00000043p 50C<00000043p 538>00B00000p 538<00B00004p"
            " 538>00B00004p 538<00B00004p 538>00B00004p 538<00B00004p 548>00000100p 548<00000180p",
            RELAY_BYPASS, 0},
-          {"no bypass", [] { return OV_RTCLihua8865Bypass(0); }, 0,
+          {Do(OV_RTCLihua8865Bypass, 0),
            "iopl3"
            " 538>00B00004p 538<00B00004p 50C>00000043p 50C<00000043p"
            " 538>00B00004p 538<00B00004p 50C>00000043p 50C<00000043p"
            " 538>00B00004p 538<00B00004p 538>00B00004p 538<00B00004p"
            " 50C>00000043p 50C<00000041p 538>00B00004p 538<00B00000p 548>00000180p 548<00000100p",
            RELAY_NO_BYPASS, 0},
-          {"feed 300",
-           [this] {
+          {[this] {
                Board->SuperIo.Device[0x08][0xF7] = 0xFF;
                return OV_RTCLihua8865FeedDog(300);
            },
-           0, START_WITHOUT_COUNT + Config("[F6]<2C") + " 50C>00000041p 50C<00000001p iopl0",
+           START_WITHOUT_COUNT + Config("[F6]<2C") + " 50C>00000041p 50C<00000001p iopl0",
            RELAY_NO_BYPASS, 44},
-          {"feed 5", [] { return OV_RTCLihua8865FeedDog(5); }, 0,
+          {Do(OV_RTCLihua8865FeedDog, 5U),
            RESTART_WITHOUT_COUNT + Config("[F6]<05") + " 50C>00000001p 50C<00000001p iopl0",
            RELAY_NO_BYPASS, 5},
-          {"uninit", [] { return OV_RTCLihua8865FeedDogUninit(); }, 0,
-           "iopl3" + Config("[F6]<00") + " iopl0", RELAY_NO_BYPASS, 0},
-          {"feed 0", [] { return OV_RTCLihua8865FeedDog(0); }, 0,
+          {Do(OV_RTCLihua8865FeedDogUninit), "iopl3" + Config("[F6]<00") + " iopl0",
+           RELAY_NO_BYPASS, 0},
+          {Do(OV_RTCLihua8865FeedDog, 0U),
            RESTART_WITHOUT_COUNT + Config("[F6]<00") + " 50C>00000001p 50C<00000001p iopl0",
            RELAY_NO_BYPASS, 0}},
          Board, [this] { return TakeTrace(); });
@@ -395,34 +389,34 @@ TEST_F(BoardDriver, EveryMaskShows)
     static const std::vector<unsigned> BANKS = {0x500, 0x504, 0x50C, 0x530, 0x534, 0x540, 0x544};
     static const std::vector<unsigned> PINS = {0x1C, 0x30, 0xE0, 0xE1, 0xE4, 0xE9, 0xF7};
     const MASKS Rows[] = {
-        {"B1904", {0xA07}, 1, {}, [] { return OV_RTCHuierJ1900Bypass(1); }, "00 ", "CF "},
-        {"B1904", {0xA07}, 1, {}, [] { return OV_RTCHuierJ1900Bypass(0); }, "30 ", "FF "},
+        {"B1904", {0xA07}, 1, {}, Do(OV_RTCHuierJ1900Bypass, 1), "00 ", "CF "},
+        {"B1904", {0xA07}, 1, {}, Do(OV_RTCHuierJ1900Bypass, 0), "30 ", "FF "},
         {"IEC-810N4SC",
          H61,
          1,
          {},
-         [] { return OV_RTCHuierH61Bypass(1); },
+         Do(OV_RTCHuierH61Bypass, 1),
          "02 00 00 01 00 00 ",
          "FF FD FD FF FF FE "},
         {"IEC-810N4SC",
          H61,
          1,
          {},
-         [] { return OV_RTCHuierH61Bypass(0); },
+         Do(OV_RTCHuierH61Bypass, 0),
          "02 00 02 01 00 01 ",
          "FF FD FF FF FE FF "},
         {"CARLOW",
          PAIRS,
          4,
          {},
-         [] { return OV_RTCLihua8865Bypass(1); },
+         Do(OV_RTCLihua8865Bypass, 1),
          "00000002 00B00004 00000080 ",
          "FFEFFFFB FFBFFFFF FFFFFFFF "},
         {"CARLOW",
          PAIRS,
          4,
          {},
-         [] { return OV_RTCLihua8865Bypass(0); },
+         Do(OV_RTCLihua8865Bypass, 0),
          "00000000 00B00000 00000000 ",
          "FFEFFFF9 FFBFFFFB FFFFFF7F "},
         {"CARLOW",
@@ -440,28 +434,28 @@ TEST_F(BoardDriver, EveryMaskShows)
          BANKS,
          4,
          {0x2D, 0x30},
-         [] { return OV_RTCLihua8865FeedDogInit(0); },
+         Do(OV_RTCLihua8865FeedDogInit, 0),
          "00100046 00000000 00000000 00F00004 00000000 00000080 00000000 00 01 ",
          "FFFFFFFF FFEFFFB9 FFFFFFBF FFFFFFFF FF0FFFFB FFFFFFFF FFFFFF7F FE FF "},
         {"CARLOW",
          {},
          4,
          {0x30, 0xF5, 0xF7},
-         [] { return OV_RTCLihua8865FeedDog(30); },
+         Do(OV_RTCLihua8865FeedDog, 30U),
          "01 00 00 ",
          "01 F7 00 "},
         {"Aptio CRB",
          {},
          1,
          PINS,
-         [] { return OV_RTCQiYangJ1900Bypass(1); },
+         Do(OV_RTCQiYangJ1900Bypass, 1),
          "42 03 00 00 00 00 00 ",
          "FF 03 DD F1 DD DD EF "},
         {"Aptio CRB",
          {},
          1,
          PINS,
-         [] { return OV_RTCQiYangJ1900Bypass(0); },
+         Do(OV_RTCQiYangJ1900Bypass, 0),
          "42 03 00 02 00 00 00 ",
          "FF 03 DD F3 DD DD EF "},
     };
@@ -512,9 +506,9 @@ TEST_F(BoardDriver, RefusedRights)
         STRINGS Messages;
         const char *Function;
     };
-    const auto J1900 = [] { return OV_RTCHuierJ1900Bypass(1); };
-    const auto H61 = [] { return OV_RTCHuierH61Bypass(1); };
-    const auto Init = [] { return OV_RTCHuierFeedDogInit(30); };
+    const auto J1900 = Do(OV_RTCHuierJ1900Bypass, 1);
+    const auto H61 = Do(OV_RTCHuierH61Bypass, 1);
+    const auto Init = Do(OV_RTCHuierFeedDogInit, 30);
     const STRINGS Hard = {"Hard Bypass error(ret: -1)"};
     const ROW Rows[] = {
         {"B1904", -1, 0, 0, J1900, -1, "iopl3!", Hard, "OV_RTCHuierJ1900Bypass"},
@@ -531,13 +525,13 @@ TEST_F(BoardDriver, RefusedRights)
          "ioperm0+1023! iopl3!",
          {"watchdog init error(ret: -1)"},
          "OV_RTCHuierFeedDogInit"},
-        {"Aptio CRB", 0, 1, 0, [] { return OV_RTCQiYangJ1900Bypass(2); }, 0,
-         "2E<AAp iopl0! 2E<AAp iopl0", Hard, "OV_RTCQiYangJ1900Bypass"},
+        {"Aptio CRB", 0, 1, 0, Do(OV_RTCQiYangJ1900Bypass, 2), 0, "2E<AAp iopl0! 2E<AAp iopl0",
+         Hard, "OV_RTCQiYangJ1900Bypass"},
         {"Aptio CRB",
          0,
          3,
          0,
-         [] { return OV_RTCQiYangJ1900Bypass(2); },
+         Do(OV_RTCQiYangJ1900Bypass, 2),
          0,
          "iopl0! 2E<AAp iopl0! 2E<AAp iopl0! 2E<AAp iopl0",
          {Hard[0], Hard[0], Hard[0]},
@@ -546,7 +540,7 @@ TEST_F(BoardDriver, RefusedRights)
          0,
          -1,
          0,
-         [] { return OV_RTCLihua8865FeedDogUninit(); },
+         Do(OV_RTCLihua8865FeedDogUninit),
          0,
          "iopl0!",
          {"8865 Feed Dog uninit"},
