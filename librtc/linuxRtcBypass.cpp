@@ -7,7 +7,7 @@
 #include "orvaneScope.h"
 
 #include <errno.h>
-#include <iterator>
+#include <limits.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -124,15 +124,17 @@ int32_t OV_RTCFeedDogWritePidFile(void)
 
 int32_t OV_RTCFeedDogCheckRunning(void)
 {
-    int Pid = 0;
+    long Number = 0; /* wider than a process id: one too large must not be cut to another's */
     {
         const STREAM_SCOPE Stream(fopen(FEEDDOG_PID_PATH, "re"));
 
         /* 0 and negative numbers would address process groups. */
-        if (Stream == nullptr || fscanf(Stream.get(), "%d", &Pid) != 1 || Pid <= 0) {
+        if (Stream == nullptr || fscanf(Stream.get(), "%ld", &Number) != 1 || Number <= 0 ||
+            Number > INT_MAX) {
             return 0;
         }
     }
+    const pid_t Pid = static_cast<pid_t>(Number);
     /* A process that may not be signalled is alive: its file stays, and whoever wants to tell it
      * something learns that it cannot. */
     if (kill(Pid, 0) != 0 && errno != EPERM) {

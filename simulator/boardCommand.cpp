@@ -176,16 +176,23 @@ static void ShowRefusals(const char *Name, int32_t Refusals)
     }
 }
 
-static int RunShow(int Count, char **Words)
+/* Does one piece of work on the board with its lock held. */
+static int WithBoard(const char *Path, void (*Work)(BOARD_STATE *State, uint32_t Number),
+                     uint32_t Number)
 {
-    if (Count != 1) {
-        return ShowUsage();
-    }
-    BOARD_STATE *State = OpenBoard(Words[0]);
+    BOARD_STATE *State = OpenBoard(Path);
     if (State == nullptr) {
         return 1;
     }
     BoardLock(State);
+    Work(State, Number);
+    BoardUnlock(State);
+    BoardFileClose(State);
+    return 0;
+}
+
+static void Show(BOARD_STATE *State, uint32_t)
+{
     BoardSettle(State);
     printf("board: %s (%s), %s%s\n", BoardDisplayName(State), State->ProductName,
            BoardChipName(State), State->EmptyBus != 0 ? ", empty bus" : "");
@@ -200,9 +207,11 @@ static int RunShow(int Count, char **Words)
     if (State->FaultCount != 0) {
         printf("faults: %u\n", State->FaultCount);
     }
-    BoardUnlock(State);
-    BoardFileClose(State);
-    return 0;
+}
+
+static int RunShow(int Count, char **Words)
+{
+    return Count == 1 ? WithBoard(Words[0], Show, 0) : ShowUsage();
 }
 
 /* trace */
@@ -294,31 +303,17 @@ static int RunAdvance(int Count, char **Words)
     if (Count != 2 || !ReadNumber(Words[1], 0, INT32_MAX, &Seconds)) {
         return ShowUsage();
     }
-    BOARD_STATE *State = OpenBoard(Words[0]);
-    if (State == nullptr) {
-        return 1;
-    }
-    BoardLock(State);
-    BoardAdvance(State, static_cast<uint32_t>(Seconds));
-    BoardUnlock(State);
-    BoardFileClose(State);
-    return 0;
+    return WithBoard(Words[0], BoardAdvance, static_cast<uint32_t>(Seconds));
+}
+
+static void ClearTrace(BOARD_STATE *State, uint32_t)
+{
+    BoardClearTrace(State);
 }
 
 static int RunClearTrace(int Count, char **Words)
 {
-    if (Count != 1) {
-        return ShowUsage();
-    }
-    BOARD_STATE *State = OpenBoard(Words[0]);
-    if (State == nullptr) {
-        return 1;
-    }
-    BoardLock(State);
-    BoardClearTrace(State);
-    BoardUnlock(State);
-    BoardFileClose(State);
-    return 0;
+    return Count == 1 ? WithBoard(Words[0], ClearTrace, 0) : ShowUsage();
 }
 
 struct COMMAND_ROW {

@@ -230,7 +230,7 @@ TEST_F(Bypass, UnwritableFiles)
 
 TEST_F(Bypass, PidFilesThatNameNoDaemon)
 {
-    for (const char *Text : {"", "\n", "feeddog\n", "0\n", "-1\n", "-99999\n"}) {
+    for (const char *Text : {"", "\n", "feeddog\n", "0\n", "-1\n", "-99999\n", "4294967297\n"}) {
         SCOPED_TRACE(Text);
         WriteFile(PID_PATH, Text);
         EXPECT_EQ(OV_RTCFeedDogCheckRunning(), 0);
