@@ -5,9 +5,9 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <filesystem>
 #include <signal.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -172,17 +172,25 @@ TEST_F(Command, ControlFiles)
     EXPECT_TRUE(IsLogLine(TakeLog().at(1), "ERROR", "_OV_RTCWriteFile",
                           "write failed, filepath:/dev/full, cmd:abc "
                           "error_string:No space left on device return:-1"));
+
+    struct rlimit Limit = {};
+    getrlimit(RLIMIT_FSIZE, &Limit);
+    const struct rlimit Short = {2, Limit.rlim_max};
+    signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &Short);
+    EXPECT_EQ(OV_RTCWriteFileSync("abc", 3, Path), -EIO); /* a short write is no error of errno */
+    setrlimit(RLIMIT_FSIZE, &Limit);
+    EXPECT_TRUE(IsLogLine(TakeLog().at(1), "ERROR", "_OV_RTCWriteFile",
+                          "write failed, filepath:/tmp/control, cmd:abc "
+                          "error_string:Success return:2"));
     EXPECT_EQ(OV_RTCWriteFileSync("x", -1, Path), -EIO); /* the kernel refuses the length */
     EXPECT_EQ(ReadFile(Path), "");
 }
 
 TEST_F(Command, NothingStaysOpen)
 {
-    const auto Count = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-    };
     char Output[16];
-    const auto Before = Count();
+    const size_t Before = OpenDescriptors();
 
     for (int Round = 0; Round < 20; Round++) {
         OV_RTCExecCmd("echo too long for the buffer", Output, sizeof(Output));
@@ -191,7 +199,7 @@ TEST_F(Command, NothingStaysOpen)
         OV_RTCWriteFile("x", 1, "/dev/full");
         OV_RTCWriteFile("x", 1, "/tmp/none/control");
     }
-    EXPECT_EQ(Count(), Before);
+    EXPECT_EQ(OpenDescriptors(), Before);
 }
 
 TEST_F(Command, AddressWithPrefix)

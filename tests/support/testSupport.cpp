@@ -53,6 +53,12 @@ bool Contains(const std::string &Text, const std::string &Part)
     return Text.find(Part) != std::string::npos;
 }
 
+size_t OpenDescriptors()
+{
+    return static_cast<size_t>(
+        std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+}
+
 void InstallCommand(const std::string &Name, const std::string &Script)
 {
     const std::string Path = "/run/commands/" + Name;
