@@ -4,12 +4,10 @@
  * could not be told.
  */
 #include "linuxRtcBypass.h"
-#include "linuxRtcBypassInternal.h"
 #include "testSupport.h"
 
 #include <errno.h>
 #include <functional>
-#include <set>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -22,17 +20,12 @@ static const std::string PATH_BEFORE = getenv("PATH");
 /* In front of the real one, so that a test can act between the probe and the signal. */
 static std::function<void(pid_t, int)> gs_BeforeKill;
 static int gs_KillCount;
-static int gs_RefuseErrno;
 
 extern "C" int kill(pid_t Process, int Signal) noexcept
 {
     gs_KillCount++;
     if (gs_BeforeKill) {
         gs_BeforeKill(Process, Signal);
-    }
-    if (gs_RefuseErrno != 0) {
-        errno = gs_RefuseErrno;
-        return -1;
     }
     return static_cast<int>(syscall(SYS_kill, Process, Signal));
 }
@@ -83,26 +76,9 @@ class Bypass : public testing::Test {
         unlink(CONF_PATH);
         gs_BeforeKill = nullptr;
         gs_KillCount = 0;
-        gs_RefuseErrno = 0;
         RecordLog();
     }
 };
-
-TEST_F(Bypass, TheTableHasAllOrNothing)
-{
-    std::set<std::string> Names;
-
-    for (int Platform = 0; Platform < RTC_PLATFORM_COUNT; Platform++) {
-        const OV_RTC_BYPASS_OPS &Ops = g_RtcBypassTable[Platform];
-        const bool Supported =
-            Platform >= RTC_PLATFORM_QIYANG_J1900 && Platform <= RTC_PLATFORM_LIHUA_8865;
-        EXPECT_EQ(Ops.Bypass != nullptr, Supported);
-        EXPECT_EQ(Ops.FeedDogInit != nullptr, Supported);
-        EXPECT_EQ(Ops.FeedDog != nullptr, Supported);
-        EXPECT_EQ(Ops.FeedDogUninit != nullptr, Supported);
-        EXPECT_TRUE(!Supported || Names.insert(Ops.Platfom).second);
-    }
-}
 
 TEST_F(Bypass, Detection)
 {
@@ -166,7 +142,7 @@ TEST_F(Bypass, BoardsWithoutADriver)
         EXPECT_EQ(OV_RTCFeedDogUninit(Platform), 0);
     }
     EXPECT_EQ(TakeLog().size(), 0U);
-    for (const int32_t Platform : {-1, static_cast<int>(RTC_PLATFORM_COUNT), INT32_MAX}) {
+    for (const int32_t Platform : {-1, 7, INT32_MAX}) {
         EXPECT_EQ(OV_RTCFeedDogInit(Platform, 30), -1);
         EXPECT_EQ(OV_RTCFeedDog(Platform, 30), -1);
         EXPECT_EQ(OV_RTCFeedDogUninit(Platform), -1);
@@ -263,27 +239,8 @@ TEST_F(Bypass, TheRelayStaysWhenTheDaemonCannotBeTold)
         }
     };
     EXPECT_EQ(OV_RTCBypass(1), -1);
-    STRINGS Log = TakeLog();
+    const STRINGS Log = TakeLog();
     ASSERT_EQ(Log.size(), 2U);
     EXPECT_TRUE(IsLogLine(Log[1], "INFO", "_OV_RTCFeedDogSignalSend",
                           "send signal(disable) to feeddog(ret: -1, No such process)"));
-
-    /* Alive, but not ours to signal. */
-    WriteFile(PID_PATH, std::to_string(getpid()) + "\n");
-    gs_BeforeKill = nullptr;
-    gs_RefuseErrno = EPERM;
-    EXPECT_EQ(OV_RTCBypass(1), -1);
-    Log = TakeLog();
-    ASSERT_EQ(Log.size(), 2U);
-    EXPECT_TRUE(IsLogLine(Log[1], "INFO", "_OV_RTCFeedDogSignalSend",
-                          "send signal(disable) to feeddog(ret: -1, Operation not permitted)"));
-    EXPECT_EQ(access(PID_PATH, F_OK), 0);
-}
-
-TEST_F(Bypass, TheDaemonsSwitch)
-{
-    EXPECT_EQ(g_BypassFeedDogEnable, 1);
-    OV_RTCFeedDogDisable();
-    EXPECT_EQ(g_BypassFeedDogEnable, 0);
-    EXPECT_TRUE(IsLogLine(TakeLog().at(0), "INFO", "OV_RTCFeedDogDisable", "disable feeddog"));
 }

@@ -57,15 +57,6 @@ TEST_F(Command, CapturesWhatFitsAndNoMore)
     }
 }
 
-TEST_F(Command, AMissingCommandIsCapturedAsText)
-{
-    char Output[256];
-
-    const int Length = OV_RTCExecCmd("no-such-command-here", Output, sizeof(Output));
-    EXPECT_EQ(static_cast<size_t>(Length), strlen(Output));
-    EXPECT_TRUE(Contains(Output, "not found")) << Output;
-}
-
 TEST_F(Command, TenMegabytes)
 {
     static constexpr const char *PRINTS = "yes 123456789012345 | head -c 10485760";
