@@ -30,6 +30,8 @@ static constexpr const char *PID_PATH = "/var/run/feeddog.pid";
 static constexpr int TIMEOUT_MAX = 255; /* the counters have 8 bits */
 static constexpr int HANDLED_SIGNALS[] = {SIGUSR1, SIGUSR2, SIGTERM, SIGINT};
 
+static constexpr int64_t SECOND = 1000; /* in milliseconds, as all times below */
+
 struct OPTIONS {
     int32_t Timeout = 30;
     int PeriodSeconds = 5;
@@ -91,7 +93,7 @@ static int64_t MilliSeconds()
     struct timespec Now;
 
     clock_gettime(CLOCK_MONOTONIC, &Now);
-    return int64_t{Now.tv_sec} * 1000 + Now.tv_nsec / 1000000;
+    return int64_t{Now.tv_sec} * SECOND + Now.tv_nsec / 1000000;
 }
 
 /* Waits until a signal is pending or the deadline has come (null: without end), then takes all. */
@@ -102,7 +104,7 @@ static SIGNALS TakeSignals(const sigset_t &Set, const int64_t *Deadline)
 
     if (Deadline != nullptr) {
         const int64_t Left = std::max<int64_t>(*Deadline - MilliSeconds(), 0);
-        Wait = {Left / 1000, Left % 1000 * 1000000};
+        Wait = {Left / SECOND, Left % SECOND * 1000000};
     }
     int Signal = sigtimedwait(&Set, nullptr, Deadline == nullptr ? nullptr : &Wait);
     do { /* also after a wait without a signal: a process that was stopped is woken by none */
@@ -140,7 +142,7 @@ static void Run(int32_t Platform, const OPTIONS &Options, const sigset_t &Set)
         if (Taken.Disable && (State != STATE::RESTING || g_BypassFeedDogEnable)) {
             /* However often this comes, the watchdog must not run out meanwhile. */
             State = STATE::QUIET;
-            Deadline = std::min(Now + Options.QuietSeconds * 1000, Expiry);
+            Deadline = std::min(Now + Options.QuietSeconds * SECOND, Expiry);
         } else if ((State == STATE::RESTING && g_BypassFeedDogEnable) ||
                    (State == STATE::FEEDING && Ending)) {
             State = STATE::QUIET;
@@ -156,8 +158,8 @@ static void Run(int32_t Platform, const OPTIONS &Options, const sigset_t &Set)
         } else {
             State = Disarm(Platform);
         }
-        Deadline = Now + Options.PeriodSeconds * 1000;
-        Expiry = State == STATE::FEEDING ? Now + (Options.Timeout - 1) * 1000 : INT64_MAX;
+        Deadline = Now + Options.PeriodSeconds * SECOND;
+        Expiry = State == STATE::FEEDING ? Now + (Options.Timeout - 1) * SECOND : INT64_MAX;
     }
 }
 

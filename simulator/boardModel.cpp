@@ -167,6 +167,7 @@ static constexpr BOARD_ROW gs_Boards[] = {
      false},
     {"CARLOW", "LiHua-8865", CHIP_W83627, 3, CarlowRelay, CarlowWhenOff, gs_CarlowPorts, 9, false,
      true},
+    {"MB-8895", "LiHua-8895", CHIP_NONE, 0, nullptr, nullptr, nullptr, 0, false, false},
 };
 
 static constexpr unsigned BoardNumberCount = sizeof(gs_Boards) / sizeof(gs_Boards[0]);

@@ -2,9 +2,10 @@
 # run.sh [ARGUMENT...], inside the sandbox: bypass_cmd on the simulated board of /run/machine, with
 # the board before and after and the log between. Ends with the tool's status.
 board=/run/machine/board
+conf=/run/machine/feeddog.conf # of the runs before
 show=build/release/board
 
-rm -f /tmp/feeddog.log
+[ ! -e "$conf" ] || cp "$conf" /etc/feeddog.conf
 "$show" clear-trace "$board"
 echo "== board before"
 "$show" show "$board"
@@ -17,7 +18,10 @@ if [ -e /tmp/feeddog.log ]; then
     echo "== log"
     cat /tmp/feeddog.log
 fi
-[ ! -e /etc/feeddog.conf ] || echo "== /etc/feeddog.conf: $(cat /etc/feeddog.conf)"
+if [ -e /etc/feeddog.conf ]; then
+    echo "== /etc/feeddog.conf: $(cat /etc/feeddog.conf)"
+    cp /etc/feeddog.conf "$conf"
+fi
 [ ! -e /run/services ] || echo "== services: $(cat /run/services)"
 if [ -n "$RTC_TRACE" ]; then
     echo "== port accesses"

@@ -2,10 +2,11 @@
 # sandbox.sh CHECKOUT MACHINE COMMAND [ARGUMENT...]
 #
 # Runs COMMAND in private mount and network namespaces (and a user namespace when not root), on
-# copies of every place that the library writes: /etc, /tmp, /run, /var/log. The copies stand in
-# the folder MACHINE and stay there; with MACHINE "-" they are gone when the command ends. The
-# checkout is visible at /run/checkout, also when it lies below a place that is covered; COMMAND is
-# a path below it, relative to it. RTC_SANDBOX=1 tells the command where it is.
+# copies of every place that the library writes: /etc, /tmp, /run, /var/log. The copies live in
+# memory and are gone when the command ends; the folder MACHINE, unless it is "-", is /run/machine
+# meanwhile and keeps what the command puts there. The checkout is visible at /run/checkout, also
+# when it lies below a place that is covered; COMMAND is a path below it, relative to it.
+# RTC_SANDBOX=1 tells the command where it is.
 #
 # Commands that the library runs are found in /run/commands first (empty; the command may fill
 # it), then among the simulated ones beside this script.
@@ -19,7 +20,8 @@ if [ -z "${RTC_SANDBOX_ENTERED:-}" ]; then
     namespaces=(--mount --net --propagation private)
     [ "$(id -u)" -eq 0 ] || namespaces+=(--user --map-root-user)
     if ! unshare "${namespaces[@]}" true 2>/dev/null; then
-        echo "sandbox: this machine allows no private namespaces" >&2
+        echo "sandbox: no private namespaces here (as root, or with user namespaces allowed, and" \
+        "not in a plain chroot, there are)" >&2
         exit 77 # what CTest counts as skipped
     fi
     RTC_SANDBOX_ENTERED=1 exec unshare "${namespaces[@]}" "$0" "$checkout" "$machine" "$@"
@@ -37,12 +39,10 @@ mount --rbind "$checkout" /run/checkout
 [ /var/run -ef /run ] || mount --bind /run /var/run
 
 for place in /etc /tmp /var/log; do
-    copy=/run/machine$place
-    if [ ! -d "$copy" ]; then
-        mkdir -p "$copy"
-        # What a non-root user may not read stays out of the copy.
-        [ "$place" != /etc ] || cp -a /etc/. "$copy" 2>/dev/null || true
-    fi
+    copy=/run/copies$place
+    mkdir -p "$copy"
+    # What a non-root user may not read stays out of the copy.
+    [ "$place" != /etc ] || cp -a /etc/. "$copy" 2>/dev/null || true
     mount --bind "$copy" "$place"
 done
 chmod 1777 /tmp

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 static const char *const BOARD_PATH = "/tmp/board";
@@ -252,7 +253,10 @@ TEST_F(BypassCmd, ARunningDaemonIsSilencedFirst)
         EXPECT_TRUE(WaitUntil([&] { return BoardWatchdogRemaining(Board) > 0; }));
 
         /* Both signals before it looks: the file says what was meant. */
-        kill(Daemon, SIGSTOP);
+        const std::string Call = "/proc/" + std::to_string(Daemon) + "/syscall";
+        const std::string Waiting = std::to_string(SYS_rt_sigtimedwait) + " ";
+        ASSERT_TRUE(WaitUntil([&] { return ReadFile(Call).starts_with(Waiting); }));
+        kill(Daemon, SIGSTOP); /* not in the middle of the chip's sequence */
         EXPECT_EQ(Run({"bypass_cmd", "-b", "0", "-m", "1"}), 0);
         const auto Feedings = [&] {
             return std::count_if(Board->Trace, Board->Trace + Board->TraceCount,

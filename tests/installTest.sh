@@ -70,6 +70,7 @@ export PKG_CONFIG_PATH=$lib/pkgconfig
 read -ra flags <<<"$(pkg-config --cflags --libs librtc)"
 "$cc" -std=c11 -Wall -Wextra -Werror "$work/user.c" "${flags[@]}" -o "$work/shared"
 LD_LIBRARY_PATH=$lib "$work/shared" | grep -q ']1 hello' || fail "the shared library"
+"$cxx" -std=c++20 "$(dirname "$0")/../examples/feeddog.cpp" "${flags[@]}" -o "$work/feeddog"
 
 mkdir "$work/user"
 cp "$work/user.c" "$work/user/user.cpp"
@@ -82,7 +83,7 @@ foreach(form rtc rtc-static)
     target_link_libraries(user-${form} PRIVATE librtc::${form})
 endforeach()
 EOF
-cmake -S "$work/user" -B "$work/user/build" -DCMAKE_CXX_COMPILER="$cxx" \
+cmake -G Ninja -S "$work/user" -B "$work/user/build" -DCMAKE_CXX_COMPILER="$cxx" \
     -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/user/build" >/dev/null
 for form in rtc rtc-static; do
