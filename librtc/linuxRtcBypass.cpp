@@ -167,7 +167,7 @@ int32_t OV_RTCBypass(const int Enable)
         return -EINVAL;
     }
     const OV_RTC_BYPASS_OPS *Ops = _OV_RTCBypassOps(Platform);
-    if (Ops == nullptr) {
+    if (Ops == nullptr) { /* for a table that has lost a row: today's has one for each number */
         OV_LOG_ERROR("no support platform(platform: %d)", Platform);
         return -ENOENT;
     }

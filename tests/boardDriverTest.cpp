@@ -19,11 +19,6 @@
 
 static const char *const BOARD_PATH = "/tmp/board";
 
-static bool IsAccess(const BOARD_ACCESS &Entry, BOARD_ACCESS_KIND Kind, uint32_t Port)
-{
-    return Entry.Kind == Kind && Entry.Port == Port;
-}
-
 static std::string Hex(uint32_t Value, int Digits)
 {
     char Text[16];
@@ -32,42 +27,42 @@ static std::string Hex(uint32_t Value, int Digits)
     return Text;
 }
 
+static bool IsIn(const BOARD_ACCESS &Entry)
+{
+    return Entry.Kind == BOARD_IN8 || Entry.Kind == BOARD_IN32;
+}
+
 /* One access beginning at Index, which moves past it. */
 static std::string AccessText(const std::vector<BOARD_ACCESS> &Trace, size_t &Index)
 {
-    const auto Pause = [&] {
-        const bool Paused = Index < Trace.size() && IsAccess(Trace[Index], BOARD_OUT8, 0x80);
-        Index += Paused ? 1 : 0;
-        return std::string(Paused ? "p" : "");
+    const auto PortIs = [&](uint32_t Port) {
+        return Index < Trace.size() && Trace[Index].Kind <= BOARD_OUT32 &&
+               Trace[Index].Port == Port;
     };
+    const auto Change =
+        [&](const BOARD_ACCESS &Entry) { /* what follows the place */
+                                         const bool Paused = PortIs(0x80);
+                                         Index += Paused ? 1 : 0;
+                                         return (IsIn(Entry) ? ">" : "<") +
+                                                Hex(Entry.Value,
+                                                    2 * static_cast<int>(Entry.Count)) +
+                                                (Paused ? "p" : "");
+        };
     const BOARD_ACCESS &Entry = Trace[Index++];
-    switch (Entry.Kind) {
-    case BOARD_IOPL:
-        return "iopl" + std::to_string(Entry.Value) + (Entry.Result < 0 ? "!" : "");
-    case BOARD_IOPERM:
-        return "ioperm" + Hex(Entry.Port, 1) + "+" + std::to_string(Entry.Count) +
-               (Entry.Result < 0 ? "!" : "");
-    case BOARD_IN32:
-        return Hex(Entry.Port, 1) + ">" + Hex(Entry.Value, 8) + Pause();
-    case BOARD_OUT32:
-        return Hex(Entry.Port, 1) + "<" + Hex(Entry.Value, 8) + Pause();
-    case BOARD_IN8:
-        return Hex(Entry.Port, 1) + ">" + Hex(Entry.Value, 2) + Pause();
-    default:
-        break;
+    const std::string Refused = Entry.Result < 0 ? "!" : "";
+    if (Entry.Kind == BOARD_IOPL) {
+        return "iopl" + std::to_string(Entry.Value) + Refused;
     }
-    const std::string First = Pause();
-    const bool Indexed = Entry.Port == 0x2E && Index < Trace.size() &&
-                         (Trace[Index].Kind == BOARD_IN8 || Trace[Index].Kind == BOARD_OUT8) &&
-                         Trace[Index].Port == 0x2F;
-    if (!Indexed) {
-        return Hex(Entry.Port, 1) + "<" + Hex(Entry.Value, 2) + First;
+    if (Entry.Kind == BOARD_IOPERM) {
+        return "ioperm" + Hex(Entry.Port, 1) + "+" + std::to_string(Entry.Count) + Refused;
     }
-    const BOARD_ACCESS &Data = Trace[Index++];
-    const std::string Second = Pause();
-    EXPECT_EQ(First, Second);
-    return "[" + Hex(Entry.Value, 2) + (Data.Kind == BOARD_IN8 ? "]>" : "]<") + Hex(Data.Value, 2) +
-           Second;
+    const std::string Alone = Hex(Entry.Port, 1) + Change(Entry);
+    if (Entry.Port != 0x2E || !PortIs(0x2F)) {
+        return Alone;
+    }
+    const std::string Access = "[" + Hex(Entry.Value, 2) + "]" + Change(Trace[Index++]);
+    EXPECT_EQ(Alone.ends_with("p"), Access.ends_with("p"));
+    return Access;
 }
 
 class BoardDriver : public testing::Test {
@@ -281,18 +276,13 @@ TEST_F(BoardDriver, Lihua8865)
         EXPECT_EQ(BoardRelayWhenOff(Board, Pair), RELAY_BYPASS); /* whatever Enable was */
     }
 
-    /* The lines' set-up, from ports on which every bit of it shows. */
     Use("CARLOW");
-    for (const unsigned Bank : {0x500U, 0x530U, 0x540U}) {
-        memset(Board->Ports + Bank, 0x00, 4);
-        memset(Board->Ports + Bank + 4, 0xFF, 4);
-    }
     EXPECT_EQ(OV_RTCLihua8865FeedDogInit(30), 0);
     EXPECT_EQ(TakeTrace(), "iopl3" + Config("[2D]>21", "00") + Config("[2D]<20", "00") +
                                Config("[F6]<00") + Config("[30]>00") + Config("[30]<01") +
-                               " 500>00000000p 500<00100046p 504>FFFFFFFFp 504<FFEFFFB9p"
-                               " 530>00000000p 530<00F00004p 534>FFFFFFFFp 534<FF0FFFFBp"
-                               " 540>00000000p 540<00000080p 544>FFFFFFFFp 544<FFFFFF7Fp"
+                               " 500>10108046p 500<10108046p 504>E0000000p 504<E0000000p"
+                               " 530>00F10004p 530<00F10004p 534>08000000p 534<08000000p"
+                               " 540>00000180p 540<00000180p 544>00000000p 544<00000000p"
                                " 50C>00100045p 50C<00100005p iopl0");
     EXPECT_TRUE(
         IsLogLine(TakeLog().back(), "INFO", "OV_RTCLihua8865FeedDogInit", "8865 Feed Dog Init"));
@@ -342,14 +332,11 @@ TEST_F(BoardDriver, Lihua8865LinesAndPairs)
 
 /* The same operations on registers that are all zeros and all ones: a bit too many or too few in a
  * mask cannot hide behind what the firmware left. */
-struct MASKS {
+struct PLACES {
     const char *ProductName;
-    std::vector<unsigned> Ports; /* of PortWidth bytes */
-    unsigned PortWidth;
+    unsigned PortWidth; /* in bytes */
+    std::vector<unsigned> Ports;
     std::vector<unsigned> Registers; /* of device 8 or F, global below 0x30 */
-    std::function<int()> Operation;
-    std::string FromZeros;
-    std::string FromOnes;
 };
 
 static uint8_t *RegisterPlace(BOARD_STATE *Board, unsigned Register)
@@ -360,112 +347,74 @@ static uint8_t *RegisterPlace(BOARD_STATE *Board, unsigned Register)
     return &Board->SuperIo.Device[Register == 0xE9 ? 0x0F : 0x08][Register];
 }
 
-static std::string RunOn(uint8_t Background, const MASKS &Masks, BOARD_STATE *Board)
+static std::string RunOn(uint8_t Background, const PLACES &Places,
+                         const std::function<int()> &Operation, BOARD_STATE *Board)
 {
     std::string Result;
 
-    for (const unsigned Port : Masks.Ports) {
-        memset(Board->Ports + Port, Background, Masks.PortWidth);
+    for (const unsigned Port : Places.Ports) {
+        memset(Board->Ports + Port, Background, Places.PortWidth);
     }
-    for (const unsigned Register : Masks.Registers) {
+    for (const unsigned Register : Places.Registers) {
         *RegisterPlace(Board, Register) = Background;
     }
-    Masks.Operation();
-    for (const unsigned Port : Masks.Ports) {
+    iopl(3); /* for the routines that leave it to the board's operation */
+    Operation();
+    for (const unsigned Port : Places.Ports) {
         uint32_t Value = 0;
-        memcpy(&Value, Board->Ports + Port, Masks.PortWidth);
-        Result += Hex(Value, 2 * static_cast<int>(Masks.PortWidth)) + " ";
+        memcpy(&Value, Board->Ports + Port, Places.PortWidth);
+        Result += Hex(Value, 2 * static_cast<int>(Places.PortWidth)) + " ";
     }
-    for (const unsigned Register : Masks.Registers) {
+    for (const unsigned Register : Places.Registers) {
         Result += Hex(*RegisterPlace(Board, Register), 2) + " ";
     }
     return Result;
 }
 
+static int DisarmAndReset()
+{
+    OV_RTCBypass8865SetPoweroffBp(0);
+    OV_RTCBypass8865SetWdtoStateSystemReset();
+    return 0;
+}
+
 TEST_F(BoardDriver, EveryMaskShows)
 {
-    static const std::vector<unsigned> H61 = {0x533, 0x537, 0x53B, 0x541, 0x545, 0x549};
-    static const std::vector<unsigned> PAIRS = {0x50C, 0x538, 0x548};
-    static const std::vector<unsigned> BANKS = {0x500, 0x504, 0x50C, 0x530, 0x534, 0x540, 0x544};
-    static const std::vector<unsigned> PINS = {0x1C, 0x30, 0xE0, 0xE1, 0xE4, 0xE9, 0xF7};
-    const MASKS Rows[] = {
-        {"B1904", {0xA07}, 1, {}, Do(OV_RTCHuierJ1900Bypass, 1), "00 ", "CF "},
-        {"B1904", {0xA07}, 1, {}, Do(OV_RTCHuierJ1900Bypass, 0), "30 ", "FF "},
-        {"IEC-810N4SC",
-         H61,
-         1,
-         {},
-         Do(OV_RTCHuierH61Bypass, 1),
-         "02 00 00 01 00 00 ",
-         "FF FD FD FF FF FE "},
-        {"IEC-810N4SC",
-         H61,
-         1,
-         {},
-         Do(OV_RTCHuierH61Bypass, 0),
-         "02 00 02 01 00 01 ",
-         "FF FD FF FF FE FF "},
-        {"CARLOW",
-         PAIRS,
-         4,
-         {},
-         Do(OV_RTCLihua8865Bypass, 1),
-         "00000002 00B00004 00000080 ",
+    static const PLACES J1900 = {"B1904", 1, {0xA07}, {}};
+    static const PLACES H61 = {"IEC-810N4SC", 1, {0x533, 0x537, 0x53B, 0x541, 0x545, 0x549}, {}};
+    static const PLACES PAIRS = {"CARLOW", 4, {0x50C, 0x538, 0x548}, {}};
+    static const PLACES BANKS = {
+        "CARLOW", 4, {0x500, 0x504, 0x50C, 0x530, 0x534, 0x540, 0x544}, {0x2D, 0x30}};
+    static const PLACES WATCHDOG = {"CARLOW", 4, {}, {0x30, 0xF5, 0xF7}};
+    static const PLACES PINS = {"Aptio CRB", 1, {}, {0x1C, 0x30, 0xE0, 0xE1, 0xE4, 0xE9, 0xF7}};
+    struct ROW {
+        const PLACES &Places;
+        std::function<int()> Operation;
+        const char *FromZeros;
+        const char *FromOnes;
+    };
+    const ROW Rows[] = {
+        {J1900, Do(OV_RTCHuierJ1900Bypass, 1), "00 ", "CF "},
+        {J1900, Do(OV_RTCHuierJ1900Bypass, 0), "30 ", "FF "},
+        {H61, Do(OV_RTCHuierH61Bypass, 1), "02 00 00 01 00 00 ", "FF FD FD FF FF FE "},
+        {H61, Do(OV_RTCHuierH61Bypass, 0), "02 00 02 01 00 01 ", "FF FD FF FF FE FF "},
+        {PAIRS, Do(OV_RTCLihua8865Bypass, 1), "00000002 00B00004 00000080 ",
          "FFEFFFFB FFBFFFFF FFFFFFFF "},
-        {"CARLOW",
-         PAIRS,
-         4,
-         {},
-         Do(OV_RTCLihua8865Bypass, 0),
-         "00000000 00B00000 00000000 ",
+        {PAIRS, Do(OV_RTCLihua8865Bypass, 0), "00000000 00B00000 00000000 ",
          "FFEFFFF9 FFBFFFFB FFFFFF7F "},
-        {"CARLOW",
-         PAIRS,
-         4,
-         {},
-         [] {
-             OV_RTCBypass8865SetPoweroffBp(0);
-             OV_RTCBypass8865SetWdtoStateSystemReset();
-             return 0;
-         },
-         "00100044 00400000 00000000 ",
-         "FFFFFFFF FF4FFFFF FFFFFFFF "},
-        {"CARLOW",
-         BANKS,
-         4,
-         {0x2D, 0x30},
-         Do(OV_RTCLihua8865FeedDogInit, 0),
+        {PAIRS, DisarmAndReset, "00100044 00400000 00000000 ", "FFFFFFFF FF4FFFFF FFFFFFFF "},
+        {BANKS, Do(OV_RTCLihua8865FeedDogInit, 0),
          "00100046 00000000 00000000 00F00004 00000000 00000080 00000000 00 01 ",
          "FFFFFFFF FFEFFFB9 FFFFFFBF FFFFFFFF FF0FFFFB FFFFFFFF FFFFFF7F FE FF "},
-        {"CARLOW",
-         {},
-         4,
-         {0x30, 0xF5, 0xF7},
-         Do(OV_RTCLihua8865FeedDog, 30U),
-         "01 00 00 ",
-         "01 F7 00 "},
-        {"Aptio CRB",
-         {},
-         1,
-         PINS,
-         Do(OV_RTCQiYangJ1900Bypass, 1),
-         "42 03 00 00 00 00 00 ",
-         "FF 03 DD F1 DD DD EF "},
-        {"Aptio CRB",
-         {},
-         1,
-         PINS,
-         Do(OV_RTCQiYangJ1900Bypass, 0),
-         "42 03 00 02 00 00 00 ",
-         "FF 03 DD F3 DD DD EF "},
+        {WATCHDOG, Do(OV_RTCLihua8865FeedDog, 30U), "01 00 00 ", "01 F7 00 "},
+        {PINS, Do(OV_RTCQiYangJ1900Bypass, 1), "42 03 00 00 00 00 00 ", "FF 03 DD F1 DD DD EF "},
+        {PINS, Do(OV_RTCQiYangJ1900Bypass, 0), "42 03 00 02 00 00 00 ", "FF 03 DD F3 DD DD EF "},
     };
-    for (const MASKS &Row : Rows) {
+    for (const ROW &Row : Rows) {
         SCOPED_TRACE(Row.FromZeros);
-        Use(Row.ProductName);
-        iopl(3); /* for the routines that leave it to the board's operation */
-        EXPECT_EQ(RunOn(0x00, Row, Board), Row.FromZeros);
-        iopl(3);
-        EXPECT_EQ(RunOn(0xFF, Row, Board), Row.FromOnes);
+        Use(Row.Places.ProductName);
+        EXPECT_EQ(RunOn(0x00, Row.Places, Row.Operation, Board), Row.FromZeros);
+        EXPECT_EQ(RunOn(0xFF, Row.Places, Row.Operation, Board), Row.FromOnes);
     }
 }
 
