@@ -56,11 +56,11 @@ static std::string AccessText(const std::vector<BOARD_ACCESS> &Trace, size_t &In
     if (Entry.Kind == BOARD_IOPERM) {
         return "ioperm" + Hex(Entry.Port, 1) + "+" + std::to_string(Entry.Count) + Refused;
     }
-    const std::string Alone = Hex(Entry.Port, 1) + Change(Entry);
+    std::string Alone = Hex(Entry.Port, 1) + Change(Entry);
     if (Entry.Port != 0x2E || !PortIs(0x2F)) {
         return Alone;
     }
-    const std::string Access = "[" + Hex(Entry.Value, 2) + "]" + Change(Trace[Index++]);
+    std::string Access = "[" + Hex(Entry.Value, 2) + "]" + Change(Trace[Index++]);
     EXPECT_EQ(Alone.ends_with("p"), Access.ends_with("p"));
     return Access;
 }
