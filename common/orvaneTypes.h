@@ -1,6 +1,7 @@
 /*
  * The types that every interface of the library shares: results, booleans and fixed-width
- * integers, and the marks that an interface carries (exported, printf-like).
+ * integers, the head of a doubly linked list, and the marks that an interface carries (exported,
+ * printf-like).
  *
  * A result is 0 (or a count) for success and a negative errno value for failure; one function
  * or another returns a code of its own instead and says so beside its declaration.
@@ -42,5 +43,26 @@ typedef uint8_t u8;
 typedef uint16_t u16;
 typedef uint32_t u32;
 typedef uint64_t u64;
+
+/* A link of a doubly linked ring; an empty list's head points at itself. */
+typedef struct _OV_LIST_HEAD {
+    struct _OV_LIST_HEAD *next;
+    struct _OV_LIST_HEAD *prev;
+} OV_LIST_HEAD;
+
+static inline void OV_InitListHead(OV_LIST_HEAD *Head)
+{
+    Head->next = Head;
+    Head->prev = Head;
+}
+
+/* A pointer may carry an error, -4095 to -1, in place of an address. */
+#define OV_ERR_POINTER_MAX 4095
+
+/* TRUE for null and for a pointer that carries an error. */
+static inline BOOL OV_IS_ERR_OR_NULL(const void *Ptr)
+{
+    return Ptr == 0 || (uintptr_t)Ptr >= (uintptr_t)-OV_ERR_POINTER_MAX;
+}
 
 #endif

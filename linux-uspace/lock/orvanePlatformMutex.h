@@ -13,6 +13,13 @@
 typedef pthread_mutex_t OV_PLATFORM_MUTEX_T;
 typedef OV_PLATFORM_MUTEX_T OV_MUTEX_T;
 
+#ifndef __USE_XOPEN2K8 /* hidden from strict ISO C */
+OV_EXTERN_C_BEGIN
+extern int pthread_mutexattr_settype(pthread_mutexattr_t *Attr, int Kind) __THROW
+    __attribute__((__nonnull__(1)));
+OV_EXTERN_C_END
+#endif
+
 #define OV_MUTEX_ASSERT(Result) \
     OV_ASSERT_AT(!(Result), "!ret", "orvanePlatformMutex", __LINE__, __func__)
 
@@ -22,7 +29,7 @@ static inline void OV_MutexInit(OV_MUTEX_T *Mutex)
     pthread_mutexattr_t Attr;
 
     OV_MUTEX_ASSERT(pthread_mutexattr_init(&Attr));
-    OV_MUTEX_ASSERT(pthread_mutexattr_settype(&Attr, PTHREAD_MUTEX_RECURSIVE));
+    OV_MUTEX_ASSERT(pthread_mutexattr_settype(&Attr, PTHREAD_MUTEX_RECURSIVE_NP));
     OV_MUTEX_ASSERT(pthread_mutex_init(Mutex, &Attr));
     OV_MUTEX_ASSERT(pthread_mutexattr_destroy(&Attr));
 }

@@ -1,0 +1,60 @@
+/*
+ * User-space RCU, the memory-barrier flavour of liburcu: readers never wait, a writer that has
+ * unpublished a record waits for all readers that may still see it before it frees the record.
+ *
+ * A thread that reads must be registered before its first read section and unregistered before it
+ * ends; a grace period does not wait for the readers of other threads. A program that includes
+ * this header links liburcu-memb (liburcu-dev); the library's other headers do not need it.
+ */
+#ifndef ORVANE_PLATFORM_RCU_H
+#define ORVANE_PLATFORM_RCU_H
+
+#include <urcu/urcu-memb.h>
+
+/* The sanitizer does not see the ordering inside liburcu and is told of it here: what was read in
+ * a section happens before what follows the grace period. */
+#ifdef __SANITIZE_THREAD__
+#    include <sanitizer/tsan_interface.h>
+static inline void *OV_RcuOrder(void)
+{
+    static char Order;
+    return &Order;
+}
+#    define OV_RCU_RELEASE() __tsan_release(OV_RcuOrder())
+#    define OV_RCU_ACQUIRE() __tsan_acquire(OV_RcuOrder())
+#else
+#    define OV_RCU_RELEASE() ((void)0)
+#    define OV_RCU_ACQUIRE() ((void)0)
+#endif
+
+/* Once for each thread that enters read sections. */
+static inline void OV_RcuRegisterThread(void)
+{
+    urcu_memb_register_thread();
+}
+
+static inline void OV_RcuUnregisterThread(void)
+{
+    urcu_memb_unregister_thread();
+}
+
+/* Read sections nest. */
+static inline void OV_RcuReadLock(void)
+{
+    urcu_memb_read_lock();
+}
+
+static inline void OV_RcuReadUnlock(void)
+{
+    OV_RCU_RELEASE();
+    urcu_memb_read_unlock();
+}
+
+/* Waits until every read section that was open at the call is over. Not to be called inside one. */
+static inline void OV_SynchronizeRcu(void)
+{
+    urcu_memb_synchronize_rcu();
+    OV_RCU_ACQUIRE();
+}
+
+#endif
