@@ -1,11 +1,21 @@
-/* Everything that the library exports: include this one, or the header of the area you use. */
+/* Everything that the library exports: include this one, or the header of the area you use. Only
+ * orvanePlatformRcu.h stands apart: it needs liburcu's own headers. */
 #ifndef ORVANE_LIBRTC_H
 #define ORVANE_LIBRTC_H
 
 #include "linuxRtc.h"
 #include "linuxRtcBypass.h"
+#include "orvaneAssert.h"
+#include "orvaneIo.h"
 #include "orvaneLibrtcLog.h"
+#include "orvaneLibrtcMem.h"
+#include "orvaneMem.h"
+#include "orvanePlatformMutex.h"
+#include "orvanePlatformResult.h"
+#include "orvanePlatformSpinlock.h"
 #include "orvaneSafeStr.h"
+#include "orvaneSocket.h"
+#include "orvaneThread.h"
 #include "orvaneTypes.h"
 
 #endif

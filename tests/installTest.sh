@@ -29,7 +29,7 @@ for header in "$prefix"/include/librtc/*.h; do
         $compiler -Wall -Wextra -Werror -fsyntax-only -I"$prefix/include" "$work/alone.c" ||
             fail "$name alone ($compiler)"
     done
-    [ "$name" = orvaneLibrtc.h ] ||
+    [ "$name" = orvaneLibrtc.h ] || [ "$name" = orvanePlatformRcu.h ] ||
         grep -q "\"$name\"" "$prefix/include/librtc/orvaneLibrtc.h" || fail "$name: no umbrella"
 done
 
@@ -38,8 +38,8 @@ nm -D --defined-only "$lib/librtc.so" | awk '$2 != "A" { sub("@.*", "", $3); pri
     sort >"$work/exported"
 # Declarations only: comments away, then what stands before an opening parenthesis or after extern.
 sed -e 's,/\*.*\*/,,' -e '/\/\*/,/\*\//d' -e '/^#/d' "$prefix"/include/librtc/*.h |
-    grep -v -e typedef -e '^static' | grep -oE '\b(OV_[A-Za-z0-9]+|rtc_[a-z_0-9]+) ?\(|extern int \w+' |
-    grep -vE 'OV_PRINTF_LIKE|OV_PUBLIC|OV_LOG_SITE|OV_EXTERN' | sed -E 's/extern int //; s/ ?\(//' |
+    grep -v -e typedef -e '^static' -e '^ ' -e '^extern .*pthread' | grep -oE '\b(OV_[A-Za-z0-9]+|rtc_[a-z_0-9]+) ?\(|extern int \w+' |
+    grep -vE 'OV_PRINTF_LIKE|OV_PUBLIC|OV_LOG_SITE|OV_EXTERN|OV_ASSERT_AT|OV_RCU' | sed -E 's/extern int //; s/ ?\(//' |
     sort -u >"$work/declared"
 diff "$work/declared" "$work/exported" || fail "declared (<) and exported (>) differ"
 readelf -d "$lib/librtc.so" | grep -q 'soname: \[librtc.so.5\]' || fail "soname"

@@ -13,11 +13,13 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <thread>
 #include <unistd.h>
 
 static std::mutex gs_LogLock;
-static STRINGS gs_Log; /* under gs_LogLock */
+static STRINGS gs_Log;       /* under gs_LogLock */
+static STRINGS gs_SystemLog; /* under gs_LogLock */
 
 std::string BuildFolder()
 {
@@ -136,6 +138,43 @@ static void __attribute__((format(printf, 2, 3))) RecordLine(int Level, const ch
     va_start(Args, Format);
     RecordLineValist(Level, Format, Args);
     va_end(Args);
+}
+
+static void __attribute__((format(printf, 2, 0)))
+RecordSystemLog(int Priority, const char *Format, va_list Args)
+{
+    char Line[1024];
+
+    vsnprintf(Line, sizeof(Line), Format, Args);
+    const std::lock_guard Guard(gs_LogLock);
+    gs_SystemLog.push_back(std::to_string(Priority) + " " + Line);
+}
+
+/* In front of libc's own; a fortified build calls the second. */
+extern "C" void syslog(int Priority, const char *Format, ...)
+{
+    va_list Args;
+
+    va_start(Args, Format);
+    RecordSystemLog(Priority, Format, Args);
+    va_end(Args);
+}
+
+extern "C" void __attribute__((format(printf, 3, 4)))
+__syslog_chk(int Priority, int /*Flag*/, const char *Format, ...)
+{
+    va_list Args;
+
+    va_start(Args, Format);
+    RecordSystemLog(Priority, Format, Args);
+    va_end(Args);
+}
+
+STRINGS TakeSystemLog()
+{
+    const std::lock_guard Guard(gs_LogLock);
+
+    return std::exchange(gs_SystemLog, {});
 }
 
 void RecordLog()

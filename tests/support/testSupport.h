@@ -44,6 +44,10 @@ STRINGS TakeLog();
 ::testing::AssertionResult IsLogLine(const std::string &Line, const char *Level,
                                      const char *Function, const std::string &Message);
 
+/* What went to the system log since the last call, "PRIORITY-NUMBER " ahead of each text. The
+ * suites' own syslog takes it: nothing reaches the machine's. */
+STRINGS TakeSystemLog();
+
 /* A text that ends right before a page that cannot be read. */
 class GUARDED_TEXT {
   public:

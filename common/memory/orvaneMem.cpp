@@ -1,0 +1,358 @@
+#include "orvaneMem.h"
+
+#include "orvaneMemGuardInternal.h"
+#include "orvanePlatformSpinlock.h"
+#include "orvaneSafeStr.h"
+#include "orvaneScope.h"
+
+#include <algorithm>
+#include <atomic>
+#include <errno.h>
+#include <malloc.h>
+#include <stdlib.h>
+#include <syslog.h>
+
+static constexpr size_t BIG_SIZE = 8191; /* a block above it is worth a warning */
+
+/* The two bits of a slot's State. */
+static constexpr uint32_t REGISTERED = 1;
+static constexpr uint32_t PRINTED_BIG_SIZE_LOG = 2;
+
+/* Each on a cache line of its own: modules allocate on different threads. */
+struct alignas(64) _OV_MEM_USEAGE {
+    OV_SPINLOCK_T Lock;          /* guards the four counters */
+    std::atomic<uint32_t> State; /* read without a lock */
+    char Name[OV_MEM_NAME_SIZE]; /* written only while the slot is not registered */
+    int32_t MemCounter;
+    int32_t MemUsage;
+    int32_t VmemCounter;
+    int32_t VmemUsage;
+};
+
+/* The index is the module's id. Slots are taken and given back under g_MemMutex. */
+static _OV_MEM_USEAGE g_TraceMem[OV_MEM_MODULE_COUNT];
+
+static OV_MUTEX_T g_MemMutex;
+static pthread_once_t sg_MutexInitialized = PTHREAD_ONCE_INIT;
+
+static void _InitMutex()
+{
+    OV_MutexInit(&g_MemMutex);
+}
+
+/* Made by whoever comes first; two modules may register at once. */
+static OV_MUTEX_T &_TableMutex()
+{
+    pthread_once(&sg_MutexInitialized, _InitMutex);
+    return g_MemMutex;
+}
+
+BOOL OV_MemIsModRegistered(int32_t ModId)
+{
+    return ModId >= 0 && ModId < OV_MEM_MODULE_COUNT &&
+           (g_TraceMem[ModId].State.load(std::memory_order_acquire) & REGISTERED) != 0;
+}
+
+static int32_t _RegisterIn(int32_t ModId, const char *ModName)
+{
+    _OV_MEM_USEAGE &Module = g_TraceMem[ModId];
+
+    OV_SafeStrCopy(Module.Name, sizeof(Module.Name), ModName);
+    OV_SpinlockInit(&Module.Lock);
+    /* Marked as warned from the start: modules that register hold big buffers by design, and their
+     * agents' system logs are to stay free of the warning. */
+    Module.State.store(REGISTERED | PRINTED_BIG_SIZE_LOG, std::memory_order_release);
+    return ModId;
+}
+
+int32_t OV_MemModRegister(const char *ModName, size_t NameLen)
+{
+    if (ModName == nullptr || NameLen == 0 || NameLen >= OV_MEM_NAME_SIZE) {
+        return -EINVAL;
+    }
+
+    const MUTEX_SCOPE Lock(_TableMutex());
+    int32_t Free = -1;
+    for (int32_t ModId = 0; ModId < OV_MEM_MODULE_COUNT; ModId++) {
+        const char *Name = g_TraceMem[ModId].Name;
+
+        if (!OV_MemIsModRegistered(ModId)) {
+            Free = Free < 0 ? ModId : Free;
+        } else if (strlen(Name) == NameLen && memcmp(Name, ModName, NameLen) == 0) {
+            return ModId;
+        }
+    }
+    return Free < 0 ? -EINVAL : _RegisterIn(Free, ModName);
+}
+
+void OV_MemModUnRegister(int32_t ModId)
+{
+    const CANCEL_SCOPE Whole;
+    const MUTEX_SCOPE Lock(_TableMutex());
+    if (!OV_MemIsModRegistered(ModId)) {
+        return;
+    }
+
+    _OV_MEM_USEAGE &Module = g_TraceMem[ModId];
+    OV_USEAGE_INFO Left = {};
+    OV_MemGetUsage(ModId, &Left);
+    if (Left.MemCounter != 0 || Left.VmemCounter != 0) {
+        syslog(LOG_WARNING,
+               "MODULE[%s] unregister with memory leak(MemCounter %d, MemUsage %d, VmemCounter %d, "
+               "VmemUsage %d).\n",
+               Left.Name, Left.MemCounter, Left.MemUsage, Left.VmemCounter, Left.VmemUsage);
+    }
+    Module.State.store(0, std::memory_order_release);
+
+    /* The lock stays usable: whoever still counts in a module that goes must not spin for ever. */
+    OV_SpinLock_BH(&Module.Lock);
+    memset(Module.Name, 0, sizeof(Module.Name));
+    Module.MemCounter = Module.MemUsage = 0;
+    Module.VmemCounter = Module.VmemUsage = 0;
+    OV_SpinUnlock_BH(&Module.Lock);
+}
+
+/* Usage is kept modulo 2^32, so that a damaged size moves it by no more than it says. */
+static void _Charge(int32_t ModId, int32_t _OV_MEM_USEAGE::*Counter, int32_t Blocks,
+                    int32_t _OV_MEM_USEAGE::*Usage, uint32_t Bytes)
+{
+    _OV_MEM_USEAGE &Module = g_TraceMem[ModId];
+
+    OV_SpinLock_BH(&Module.Lock);
+    Module.*Counter += Blocks;
+    Module.*Usage = static_cast<int32_t>(static_cast<uint32_t>(Module.*Usage) + Bytes);
+    OV_SpinUnlock_BH(&Module.Lock);
+}
+
+static void _OV_MemInc(int32_t ModId, uint32_t Bytes)
+{
+    _Charge(ModId, &_OV_MEM_USEAGE::MemCounter, 1, &_OV_MEM_USEAGE::MemUsage, Bytes);
+}
+
+static void _OV_MemDec(int32_t ModId, uint32_t Bytes)
+{
+    _Charge(ModId, &_OV_MEM_USEAGE::MemCounter, -1, &_OV_MEM_USEAGE::MemUsage, 0U - Bytes);
+}
+
+static void _OV_VmemInc(int32_t ModId, uint32_t Bytes)
+{
+    _Charge(ModId, &_OV_MEM_USEAGE::VmemCounter, 1, &_OV_MEM_USEAGE::VmemUsage, Bytes);
+}
+
+static void _OV_VmemDec(int32_t ModId, uint32_t Bytes)
+{
+    _Charge(ModId, &_OV_MEM_USEAGE::VmemCounter, -1, &_OV_MEM_USEAGE::VmemUsage, 0U - Bytes);
+}
+
+/* What the two accounts differ in. */
+struct MEM_ACCOUNT {
+    void (*Inc)(int32_t ModId, uint32_t Bytes);
+    void (*Dec)(int32_t ModId, uint32_t Bytes);
+    bool WatchesBigSize;
+};
+static constexpr MEM_ACCOUNT MEM = {_OV_MemInc, _OV_MemDec, true};
+static constexpr MEM_ACCOUNT VMEM = {_OV_VmemInc, _OV_VmemDec, false};
+
+/* At most one warning a module; see _RegisterIn for why there is none in practice. */
+static void _OV_MemCheckBigSize(int32_t ModId, size_t Size)
+{
+    _OV_MEM_USEAGE &Module = g_TraceMem[ModId];
+
+    if (Size > BIG_SIZE &&
+        (Module.State.load(std::memory_order_relaxed) & PRINTED_BIG_SIZE_LOG) == 0) {
+        Module.State.fetch_or(PRINTED_BIG_SIZE_LOG, std::memory_order_relaxed);
+        syslog(LOG_WARNING, "MODULE[%s] attempt to malloc big size(%zd) memory.\n", Module.Name,
+               static_cast<ssize_t>(Size));
+    }
+}
+
+/* 0 for a size that no block can have. */
+static uint32_t _BlockSize(int32_t ModId, const MEM_ACCOUNT &Account, size_t Size)
+{
+    const uint32_t Actual = _OV_MemGuardedSize(Size);
+
+    if (Account.WatchesBigSize) {
+        _OV_MemCheckBigSize(ModId, Actual);
+    }
+    return Actual;
+}
+
+static void *_Alloc(int32_t ModId, const MEM_ACCOUNT &Account, size_t Size, bool Zeroed)
+{
+    if (!OV_MemIsModRegistered(ModId)) {
+        return nullptr;
+    }
+
+    const uint32_t Actual = _BlockSize(ModId, Account, Size);
+    if (Actual == 0) {
+        return nullptr;
+    }
+    void *Block = Zeroed ? OV_PlatformMemZeroAlloc(Actual, 0) : malloc(Actual);
+    if (Block == nullptr) {
+        return nullptr;
+    }
+    void *Ptr = _OV_MemGuard(Block, Actual);
+    Account.Inc(ModId, Actual);
+    return Ptr;
+}
+
+/* The two arrows have always been written differently; scripts match on them. */
+static void _CheckGuards(int32_t ModId, const char *Operation, void *Ptr)
+{
+    _OV_MEM_PREFIX *Prefix = _OV_MemPrefix(Ptr);
+    const MEM_GUARDS Found = _OV_MemGuardsOf(Prefix, malloc_usable_size(Prefix));
+    if (Found.State == MEM_GUARDS::INTACT) {
+        return;
+    }
+
+    const CANCEL_SCOPE Whole; /* the caller is about to release the block */
+    const char *Name = g_TraceMem[ModId].Name;
+    if (Found.State == MEM_GUARDS::PREFIX_DAMAGED) {
+        syslog(LOG_ERR, "MODULE[%s]%s mem %p, prefix is corrupt(0x%X -> 0x%X), size=%u\n", Name,
+               Operation, Ptr, MEM_PREFIX_CANARY, Found.Canary, Prefix->Size);
+    } else {
+        syslog(LOG_ERR, "MODULE[%s]%s mem %p, suffix is corrupt(0x%X -- > 0x%X), size=%u\n", Name,
+               Operation, Ptr, MEM_SUFFIX_CANARY, Found.Canary, Prefix->Size);
+    }
+}
+
+/* A damaged block is released like any other, and its account goes down by the size that it bears
+ * now: keeping it back would turn each damage into a leak as well. */
+static void _Free(int32_t ModId, const MEM_ACCOUNT &Account, void *Ptr)
+{
+    if (!OV_MemIsModRegistered(ModId) || Ptr == nullptr) {
+        return;
+    }
+    _CheckGuards(ModId, "free", Ptr);
+    _OV_MEM_PREFIX *Block = _OV_MemPrefix(Ptr);
+    Account.Dec(ModId, Block->Size);
+    free(Block);
+}
+
+void *OV_MemAlloc(int32_t ModId, size_t Size, OV_GFP_T Flags)
+{
+    return _Alloc(ModId, MEM, Size, (Flags & OV_GFP_ZERO) != 0);
+}
+
+void *OV_MemZeroAlloc(int32_t ModId, size_t Size, OV_GFP_T /*Flags*/)
+{
+    return _Alloc(ModId, MEM, Size, true);
+}
+
+void OV_MemFree(int32_t ModId, void *Ptr)
+{
+    _Free(ModId, MEM, Ptr);
+}
+
+void *OV_MemRealloc(int32_t ModId, void *Ptr, size_t Size, uint32_t Flags)
+{
+    if (Size == 0) {
+        OV_MemFree(ModId, Ptr);
+        return nullptr;
+    }
+    if (!OV_MemIsModRegistered(ModId)) {
+        return nullptr;
+    }
+
+    void *Old = nullptr;
+    uint32_t OldSize = 0;
+    if (Ptr != nullptr) {
+        _CheckGuards(ModId, "realloc", Ptr);
+        Old = _OV_MemPrefix(Ptr);
+        OldSize = _OV_MemPrefix(Ptr)->Size;
+    }
+    const uint32_t Actual = _BlockSize(ModId, MEM, Size);
+    void *Block = Actual == 0 ? nullptr : OV_PlatformMemRealloc(Old, Actual, Flags);
+    if (Block == nullptr) {
+        return nullptr;
+    }
+    if (Old != nullptr) {
+        _OV_MemDec(ModId, OldSize);
+    }
+    _OV_MemInc(ModId, Actual);
+    return _OV_MemGuard(Block, Actual);
+}
+
+char *OV_MemStrDup(const char *Str, int32_t ModId, OV_GFP_T Flags)
+{
+    const size_t Size = strlen(Str) + 1;
+    char *Copy = static_cast<char *>(OV_MemZeroAlloc(ModId, Size, Flags));
+
+    if (Copy == nullptr) {
+        return nullptr;
+    }
+    if (OV_SafeStrCopy(Copy, Size, Str) >= Size) { /* Str grew meanwhile */
+        OV_MemFree(ModId, Copy);
+        return nullptr;
+    }
+    return Copy;
+}
+
+void *OV_VmemAlloc(int32_t ModId, size_t Size)
+{
+    return _Alloc(ModId, VMEM, Size, false);
+}
+
+void *OV_VmemZeroAlloc(int32_t ModId, size_t Size)
+{
+    return _Alloc(ModId, VMEM, Size, true);
+}
+
+void OV_VmemFree(int32_t ModId, void *Ptr)
+{
+    _Free(ModId, VMEM, Ptr);
+}
+
+/* The old block's own size decides how much is copied, whatever its guards say; but no more than
+ * the platform gave. */
+static size_t _BytesHeld(void *Ptr)
+{
+    const _OV_MEM_PREFIX *Prefix = _OV_MemPrefix(Ptr);
+    const size_t Held = std::min<size_t>(Prefix->Size, malloc_usable_size(_OV_MemPrefix(Ptr)));
+
+    return Held > MEM_OVERHEAD ? Held - MEM_OVERHEAD : 0;
+}
+
+void *OV_VmemRealloc(int32_t ModId, void *Ptr, size_t Size, size_t /*OldSize*/)
+{
+    if (!OV_MemIsModRegistered(ModId)) {
+        return nullptr;
+    }
+    if (Size == 0) {
+        OV_VmemFree(ModId, Ptr);
+        return nullptr;
+    }
+
+    void *New = OV_VmemAlloc(ModId, Size);
+    if (Ptr != nullptr && New != nullptr) {
+        memcpy(New, Ptr, std::min(Size, _BytesHeld(Ptr)));
+        OV_VmemFree(ModId, Ptr);
+    }
+    return New;
+}
+
+void OV_MemGetUsage(int32_t ModId, OV_USEAGE_INFO *Info)
+{
+    if (!OV_MemIsModRegistered(ModId)) {
+        return;
+    }
+    _OV_MEM_USEAGE &Module = g_TraceMem[ModId];
+
+    OV_SpinLock_BH(&Module.Lock);
+    OV_SafeStrCopy(Info->Name, sizeof(Info->Name), Module.Name);
+    Info->MemCounter = Module.MemCounter;
+    Info->MemUsage = Module.MemUsage;
+    Info->VmemCounter = Module.VmemCounter;
+    Info->VmemUsage = Module.VmemUsage;
+    OV_SpinUnlock_BH(&Module.Lock);
+}
+
+void *OV_PlatformMemZeroAlloc(size_t Size, OV_GFP_T /*Flags*/)
+{
+    return calloc(1, Size);
+}
+
+void *OV_PlatformMemRealloc(void *Ptr, size_t Size, OV_GFP_T /*Flags*/)
+{
+    return realloc(Ptr, Size);
+}

@@ -1,0 +1,52 @@
+/* A peer on 127.0.0.1: each connection is served by a function of the test's on a thread of its
+ * own, which speaks the frame and misbehaves as the test wants. */
+#ifndef LOOPBACK_SERVER_H
+#define LOOPBACK_SERVER_H
+
+#include <functional>
+#include <mutex>
+#include <stdint.h>
+#include <string>
+#include <thread>
+#include <vector>
+
+class LOOPBACK_SERVER {
+  public:
+    /* The connection is closed when Serve returns. */
+    using SERVE = std::function<void(int Socket)>;
+    LOOPBACK_SERVER(uint16_t Port, SERVE Serve);
+    /* Refuses new connections, shuts down the open ones and waits for their functions. */
+    ~LOOPBACK_SERVER();
+    LOOPBACK_SERVER(const LOOPBACK_SERVER &) = delete;
+    LOOPBACK_SERVER &operator=(const LOOPBACK_SERVER &) = delete;
+
+    /* How many connections there have been. */
+    size_t Connections();
+    /* Shuts down the connections that are open now; new ones are still taken. */
+    void Disconnect();
+
+  private:
+    void Accept();
+
+    const SERVE Serve;
+    const int ListenSocket;
+    std::mutex Lock;
+    bool Stopped = false;             /* under Lock */
+    std::vector<int> Sockets;         /* under Lock; -1: closed */
+    std::vector<std::thread> Threads; /* under Lock */
+    std::thread Acceptor;
+};
+
+/* Exactly Size bytes; shorter when the peer is gone. */
+std::string ReceiveBytes(int Socket, size_t Size);
+/* All of them at once, or in pieces of that many bytes; false when the peer is gone. */
+bool SendBytes(int Socket, const std::string &Bytes, size_t Piece = SIZE_MAX);
+
+/* A record's bytes as they travel. */
+template <typename RECORD>
+std::string BytesOf(const RECORD &Record)
+{
+    return {reinterpret_cast<const char *>(&Record), sizeof(Record)};
+}
+
+#endif
