@@ -10,6 +10,7 @@
 #include "orvaneLibrtcLog.h"
 #include "orvaneLibrtcMem.h"
 #include "orvaneMem.h"
+#include "orvaneMemPool.h"
 #include "orvanePlatformMutex.h"
 #include "orvanePlatformResult.h"
 #include "orvanePlatformSpinlock.h"

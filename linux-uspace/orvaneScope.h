@@ -10,6 +10,8 @@
 #define ORVANE_SCOPE_H
 
 #include "orvanePlatformMutex.h"
+#include "orvanePlatformRcu.h"
+#include "orvanePlatformSpinlock.h"
 
 #include <memory>
 #include <stdio.h>
@@ -48,6 +50,37 @@ class MUTEX_SCOPE {
 
   private:
     OV_MUTEX_T &Held;
+};
+
+class SPINLOCK_SCOPE {
+  public:
+    explicit SPINLOCK_SCOPE(OV_SPINLOCK_T &Lock) : Held(Lock)
+    {
+        OV_SpinLock_BH(&Held);
+    }
+    ~SPINLOCK_SCOPE()
+    {
+        OV_SpinUnlock_BH(&Held);
+    }
+    SPINLOCK_SCOPE(const SPINLOCK_SCOPE &) = delete;
+    SPINLOCK_SCOPE &operator=(const SPINLOCK_SCOPE &) = delete;
+
+  private:
+    OV_SPINLOCK_T &Held;
+};
+
+class RCU_READ_SCOPE {
+  public:
+    RCU_READ_SCOPE()
+    {
+        OV_RcuReadLock();
+    }
+    ~RCU_READ_SCOPE()
+    {
+        OV_RcuReadUnlock();
+    }
+    RCU_READ_SCOPE(const RCU_READ_SCOPE &) = delete;
+    RCU_READ_SCOPE &operator=(const RCU_READ_SCOPE &) = delete;
 };
 
 struct STREAM_CLOSE {

@@ -105,11 +105,10 @@ void OV_MemModUnRegister(int32_t ModId)
     Module.State.store(0, std::memory_order_release);
 
     /* The lock stays usable: whoever still counts in a module that goes must not spin for ever. */
-    OV_SpinLock_BH(&Module.Lock);
+    const SPINLOCK_SCOPE Counters(Module.Lock);
     memset(Module.Name, 0, sizeof(Module.Name));
     Module.MemCounter = Module.MemUsage = 0;
     Module.VmemCounter = Module.VmemUsage = 0;
-    OV_SpinUnlock_BH(&Module.Lock);
 }
 
 /* Usage is kept modulo 2^32, so that a damaged size moves it by no more than it says. */
@@ -117,11 +116,10 @@ static void _Charge(int32_t ModId, int32_t _OV_MEM_USEAGE::*Counter, int32_t Blo
                     int32_t _OV_MEM_USEAGE::*Usage, uint32_t Bytes)
 {
     _OV_MEM_USEAGE &Module = g_TraceMem[ModId];
+    const SPINLOCK_SCOPE Lock(Module.Lock);
 
-    OV_SpinLock_BH(&Module.Lock);
     Module.*Counter += Blocks;
     Module.*Usage = static_cast<int32_t>(static_cast<uint32_t>(Module.*Usage) + Bytes);
-    OV_SpinUnlock_BH(&Module.Lock);
 }
 
 static void _OV_MemInc(int32_t ModId, uint32_t Bytes)
@@ -337,14 +335,13 @@ void OV_MemGetUsage(int32_t ModId, OV_USEAGE_INFO *Info)
         return;
     }
     _OV_MEM_USEAGE &Module = g_TraceMem[ModId];
+    const SPINLOCK_SCOPE Lock(Module.Lock);
 
-    OV_SpinLock_BH(&Module.Lock);
     OV_SafeStrCopy(Info->Name, sizeof(Info->Name), Module.Name);
     Info->MemCounter = Module.MemCounter;
     Info->MemUsage = Module.MemUsage;
     Info->VmemCounter = Module.VmemCounter;
     Info->VmemUsage = Module.VmemUsage;
-    OV_SpinUnlock_BH(&Module.Lock);
 }
 
 void *OV_PlatformMemZeroAlloc(size_t Size, OV_GFP_T /*Flags*/)
