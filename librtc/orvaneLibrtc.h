@@ -6,6 +6,8 @@
 #include "linuxRtc.h"
 #include "linuxRtcBypass.h"
 #include "orvaneAssert.h"
+#include "orvaneDispatch.h"
+#include "orvaneDispatchClient.h"
 #include "orvaneIo.h"
 #include "orvaneLibrtcLog.h"
 #include "orvaneLibrtcMem.h"

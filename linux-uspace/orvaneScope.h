@@ -16,6 +16,7 @@
 #include <memory>
 #include <stdio.h>
 #include <unistd.h>
+#include <utility>
 
 /* Puts off the cancellation of this thread. */
 class CANCEL_SCOPE {
@@ -105,6 +106,11 @@ class DESCRIPTOR_SCOPE {
     int Get() const
     {
         return Held;
+    }
+    /* Gives the descriptor away: it stays open. */
+    int Release()
+    {
+        return std::exchange(Held, -1);
     }
 
   private:

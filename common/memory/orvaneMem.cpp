@@ -1,6 +1,7 @@
 #include "orvaneMem.h"
 
 #include "orvaneMemGuardInternal.h"
+#include "orvaneMemInternal.h"
 #include "orvanePlatformSpinlock.h"
 #include "orvaneSafeStr.h"
 #include "orvaneScope.h"
@@ -342,6 +343,18 @@ void OV_MemGetUsage(int32_t ModId, OV_USEAGE_INFO *Info)
     Info->MemUsage = Module.MemUsage;
     Info->VmemCounter = Module.VmemCounter;
     Info->VmemUsage = Module.VmemUsage;
+}
+
+void _OV_MemDisown(int32_t ModId, void *Ptr)
+{
+    if (OV_MemIsModRegistered(ModId)) {
+        _OV_MemDec(ModId, _OV_MemPrefix(Ptr)->Size);
+    }
+}
+
+void _OV_MemFreeDisowned(void *Ptr)
+{
+    free(_OV_MemPrefix(Ptr));
 }
 
 void *OV_PlatformMemZeroAlloc(size_t Size, OV_GFP_T /*Flags*/)

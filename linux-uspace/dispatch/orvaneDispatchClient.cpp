@@ -1,0 +1,494 @@
+#include "orvaneDispatchClient.h"
+
+#include "orvaneDispatchInternal.h"
+#include "orvaneMemInternal.h"
+#include "orvaneScope.h"
+#include "orvaneThread.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <stdlib.h>
+#include <utility>
+
+static constexpr const char *SERVER_ADDRESS = "127.0.0.1";
+static constexpr uint16_t CONFIG_PORT = 54321;
+static constexpr uint16_t NOTIFY_PORT = 54322;
+static constexpr const char *MODULE_NAME = "dispatch_client";
+static constexpr uint32_t NOTIFY_DESC_SIZE = 2048;
+
+/* Every line of this module begins with where it was written. */
+#define DISPATCH_LOG(Priority, Format, ...) \
+    syslog(Priority, "[%s:%d]" Format "\n", __func__, __LINE__, ##__VA_ARGS__)
+
+/* One run of the notification thread. The connection and the thread's record come first; all is
+ * guarded by s_StateLock, but for Sock and Desc, which the thread itself reads without it. */
+struct _OV_DISPATCH_NOTIFY_ENTRY {
+    OV_SOCKET Sock; /* replaced by the thread, under the lock */
+    OV_THREAD_T Thread;
+    OV_DISPATCH_DESC *Desc; /* what the thread receives into */
+    OV_SOCKET *Replaced;    /* connections that Sock was before: open until the thread ends */
+    size_t ReplacedCount;
+    bool IsEnded;     /* the thread uses nothing of the module any more */
+    bool IsAbandoned; /* stopped by its own handler: the thread frees this record */
+};
+
+/* Held for one exchange, for as long as the server takes. Made by the start. */
+static OV_MUTEX_T g_ConfigMutexLock;
+
+/* Held for one push, for as long as the server takes to read it; and by whoever closes notification
+ * connections, so that no push writes to a number that has become somebody else's. */
+static OV_MUTEX_T s_PushLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+
+/* Guards what follows; never held while anything waits for the server. Taken after either of the
+ * two above. */
+static OV_MUTEX_T s_StateLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+static pthread_cond_t s_Left = PTHREAD_COND_INITIALIZER; /* the thread, or an exchange */
+static bool s_IsStarted;
+static bool s_IsStopped;                    /* by a stop, until the next start */
+static uint32_t s_Exchanges;                /* callers that are in one, or wait for their turn */
+static OV_SOCKET g_DispatchConfigSock = -1; /* written under g_ConfigMutexLock as well */
+static _OV_DISPATCH_NOTIFY_ENTRY *g_DispatchNotify; /* null: no notification thread */
+
+/* Changed by compare-and-swap alone, read without a lock. */
+static std::atomic<OV_DISPATCH_FUNC> g_DispatchClientFunc[UINT8_MAX + 1];
+
+/* The run that the calling thread is, null on every other thread. */
+static thread_local _OV_DISPATCH_NOTIFY_ENTRY *s_OwnEntry;
+
+/* These three lines have borne their numbers for so long that people look for them. */
+static OV_ERR_T _OV_DispatchConnect(const char *IpAddr, uint16_t Port, OV_SOCKET *OutSock)
+{
+    static constexpr const char *FUNCTION = "_OV_DispatchConnect";
+    OV_SOCKET Sock = -1;
+    struct sockaddr_in Server = {};
+
+    OV_ERR_T Error = OV_Socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0, &Sock);
+    DESCRIPTOR_SCOPE Opened(Sock);
+    if (Error < 0) {
+        syslog(LOG_ERR, "[%s:%d]Fail to create socket! retcode=%d\n", FUNCTION, 89, Error);
+        return Error;
+    }
+    errno = EINVAL; /* a text that is no address leaves errno alone */
+    if (inet_pton(AF_INET, IpAddr, &Server.sin_addr) != 1) {
+        Error = -errno;
+        syslog(LOG_ERR, "[%s:%d]Fail to convert ip address!\n", FUNCTION, 97);
+        return Error;
+    }
+    Server.sin_family = AF_INET;
+    Server.sin_port = htons(Port);
+    Error = OV_Connect(Sock, reinterpret_cast<struct sockaddr *>(&Server), sizeof(Server));
+    if (Error < 0) {
+        syslog(LOG_ERR, "[%s:%d]Fail to connect to server %s:%u! retcode=%d\n", FUNCTION, 105,
+               IpAddr, static_cast<unsigned>(Port), Error);
+        return Error;
+    }
+    *OutSock = Opened.Release();
+    return 0;
+}
+
+/* Under g_ConfigMutexLock, but for the start's own. A connection that is open is kept. */
+static OV_ERR_T _ConnectConfig()
+{
+    OV_SOCKET Sock = -1;
+
+    if (!OV_SocketIsErr(g_DispatchConfigSock)) {
+        return 0;
+    }
+    const OV_ERR_T Error = _OV_DispatchConnect(SERVER_ADDRESS, CONFIG_PORT, &Sock);
+    if (Error < 0) {
+        return Error;
+    }
+    const MUTEX_SCOPE State(s_StateLock);
+    g_DispatchConfigSock = Sock;
+    if (s_IsStopped) {
+        shutdown(Sock, SHUT_RDWR); /* the stop has come meanwhile and found nothing to end */
+    }
+    return 0;
+}
+
+static void _CloseConfig()
+{
+    const MUTEX_SCOPE State(s_StateLock);
+
+    if (!OV_SocketIsErr(g_DispatchConfigSock)) {
+        OV_SocketClose(g_DispatchConfigSock);
+        g_DispatchConfigSock = -1;
+    }
+}
+
+static bool _ShouldStop(_OV_DISPATCH_NOTIFY_ENTRY *Entry)
+{
+    OV_THREAD_T Thread;
+    {
+        const MUTEX_SCOPE State(s_StateLock);
+        Thread = Entry->Thread;
+    }
+    return OV_ThreadShouldStop(Thread);
+}
+
+/* Keeps the number of the connection that is replaced; one that cannot be noted is closed. */
+static void _KeepReplaced(_OV_DISPATCH_NOTIFY_ENTRY *Entry, OV_SOCKET Sock)
+{
+    auto *Replaced = static_cast<OV_SOCKET *>(OV_PlatformMemRealloc(
+        Entry->Replaced, (Entry->ReplacedCount + 1) * sizeof(*Entry->Replaced), 0));
+
+    if (Replaced == nullptr) {
+        OV_SocketClose(Sock);
+        return;
+    }
+    Entry->Replaced = Replaced;
+    Entry->Replaced[Entry->ReplacedCount++] = Sock;
+}
+
+/* A stop that has been asked for is not worth another connection. */
+static OV_ERR_T _ReconnectNotify(_OV_DISPATCH_NOTIFY_ENTRY *Entry)
+{
+    OV_SOCKET Sock = -1;
+
+    if (_ShouldStop(Entry)) {
+        return -ESHUTDOWN;
+    }
+    const OV_ERR_T Error = _OV_DispatchConnect(SERVER_ADDRESS, NOTIFY_PORT, &Sock);
+    if (Error < 0) {
+        return Error;
+    }
+
+    shutdown(Entry->Sock, SHUT_RDWR); /* a push that is stuck in it would not let go */
+    const MUTEX_SCOPE Push(s_PushLock);
+    const MUTEX_SCOPE State(s_StateLock);
+    _KeepReplaced(Entry, Entry->Sock);
+    Entry->Sock = Sock;
+    return 0;
+}
+
+static void _Deliver(OV_DISPATCH_DESC *Desc)
+{
+    const OV_DISPATCH_FUNC Func = OV_DispatchClientGetModuleFunc(OV_DispatchHeader(Desc)->Module);
+
+    if (Func != nullptr) {
+        Func(Desc);
+    }
+}
+
+/* The last that the thread does with anything of the module. */
+static void _EndNotify(_OV_DISPATCH_NOTIFY_ENTRY *Entry)
+{
+    shutdown(Entry->Sock, SHUT_RDWR); /* lets go a push that is stuck in it */
+    const MUTEX_SCOPE Push(s_PushLock);
+    const MUTEX_SCOPE State(s_StateLock);
+
+    OV_SocketClose(Entry->Sock);
+    Entry->Sock = -1;
+    for (size_t Index = 0; Index < Entry->ReplacedCount; Index++) {
+        OV_SocketClose(Entry->Replaced[Index]);
+    }
+    free(Entry->Replaced);
+    if (Entry->IsAbandoned) {
+        _OV_MemFreeDisowned(Entry->Desc->Buff);
+        _OV_MemFreeDisowned(Entry->Desc);
+        free(Entry);
+        return;
+    }
+    OV_DispatchFreeDesc(Entry->Desc);
+    Entry->IsEnded = true;
+    pthread_cond_broadcast(&s_Left);
+}
+
+static void *_OV_DispatchNotifyClientThread(void *Arg)
+{
+    auto *Entry = static_cast<_OV_DISPATCH_NOTIFY_ENTRY *>(Arg);
+
+    s_OwnEntry = Entry;
+    OV_RcuRegisterThread();
+    Entry->Desc = OV_DispatchAllocDesc(NOTIFY_DESC_SIZE);
+    if (Entry->Desc == nullptr) {
+        DISPATCH_LOG(LOG_ERR, "Fail to allocate memory");
+    }
+    while (Entry->Desc != nullptr && !_ShouldStop(Entry)) {
+        _OV_DispatchClear(Entry->Desc->Buff, Entry->Desc->Size);
+        const OV_ERR_T Error = OV_DispatchRecv(Entry->Sock, Entry->Desc);
+        if (Error >= 0) {
+            _Deliver(Entry->Desc);
+            continue;
+        }
+        DISPATCH_LOG(LOG_INFO,
+                     "Fail to receive config messages, maybe socket is closed! retcode=%d", Error);
+        if (_ReconnectNotify(Entry) < 0) {
+            break;
+        }
+    }
+    _EndNotify(Entry);
+    OV_RcuUnregisterThread();
+    return nullptr;
+}
+
+/* Starts the thread on Entry, whose connection is open. It cannot end before its name is set: its
+ * end needs the lock. */
+static OV_ERR_T _RunNotifyThread(_OV_DISPATCH_NOTIFY_ENTRY *Entry)
+{
+    const MUTEX_SCOPE State(s_StateLock);
+    pthread_attr_t Attr;
+
+    pthread_attr_init(&Attr);
+    pthread_attr_setdetachstate(&Attr, PTHREAD_CREATE_DETACHED);
+    const OV_ERR_T Error =
+        OV_ThreadRun(&Entry->Thread, &Attr, _OV_DispatchNotifyClientThread, Entry, "NotifyClient");
+    pthread_attr_destroy(&Attr);
+    if (Error >= 0) {
+        g_DispatchNotify = Entry;
+    }
+    return Error;
+}
+
+static OV_ERR_T _Register()
+{
+    OV_MutexInit(&g_ConfigMutexLock);
+    const int32_t ModId = OV_MemModRegister(MODULE_NAME, strlen(MODULE_NAME));
+    if (ModId < 0) {
+        return ModId;
+    }
+    g_MemModId = ModId;
+    const MUTEX_SCOPE State(s_StateLock);
+    s_IsStopped = false;
+    return 0;
+}
+
+static void _Unregister()
+{
+    const MUTEX_SCOPE Push(s_PushLock); /* a push has its message from the module */
+
+    OV_MemModUnRegister(g_MemModId.exchange(-1));
+}
+
+static bool _SetStarted(bool IsStarted)
+{
+    const MUTEX_SCOPE State(s_StateLock);
+
+    return std::exchange(s_IsStarted, IsStarted);
+}
+
+/* What both starts begin with; its lines are those of the start at Function and Line. */
+static OV_ERR_T _StartConfig(const char *Function, int Line)
+{
+    OV_ERR_T Error = _Register();
+
+    if (Error < 0) {
+        syslog(LOG_ERR, "[%s:%d]failed to register dispatch memory! retcode=%d\n", Function, Line,
+               Error);
+        return Error;
+    }
+    Error = _ConnectConfig();
+    if (Error < 0) {
+        syslog(LOG_ERR, "[%s:%d]Fail to connect to server! retcode=%d\n", Function, Line, Error);
+    }
+    return Error;
+}
+
+/* What both starts end with: what has been opened stays only where all went well. */
+static OV_ERR_T _EndStart(OV_ERR_T Error)
+{
+    if (Error < 0) {
+        _CloseConfig();
+        _Unregister();
+        OV_MutexDestroy(&g_ConfigMutexLock);
+        _SetStarted(false);
+        return Error;
+    }
+    syslog(LOG_INFO, "Dispath Client loaded!\n");
+    return 0;
+}
+
+static OV_ERR_T _StartNotify(const char *Function)
+{
+    auto *Entry = static_cast<_OV_DISPATCH_NOTIFY_ENTRY *>(
+        OV_PlatformMemZeroAlloc(sizeof(_OV_DISPATCH_NOTIFY_ENTRY), 0));
+    OV_ERR_T Error = -ENOMEM;
+
+    if (Entry != nullptr) {
+        Error = _OV_DispatchConnect(SERVER_ADDRESS, NOTIFY_PORT, &Entry->Sock);
+    }
+    if (Error < 0) {
+        syslog(LOG_ERR, "[%s:%d]failed to connect notify server! retcode=%d\n", Function, __LINE__,
+               Error);
+        free(Entry);
+        return Error;
+    }
+    Error = _RunNotifyThread(Entry);
+    if (Error < 0) {
+        syslog(LOG_ERR, "[%s:%d]failed to create notify server! retcode=%d\n", Function, __LINE__,
+               Error);
+        OV_SocketClose(Entry->Sock);
+        free(Entry);
+    }
+    return Error;
+}
+
+OV_ERR_T OV_DispatchClientInit(void)
+{
+    const CANCEL_SCOPE Whole;
+    if (_SetStarted(true)) {
+        return -EALREADY;
+    }
+
+    OV_ERR_T Error = _StartConfig(__func__, __LINE__);
+    if (Error >= 0) {
+        Error = _StartNotify(__func__);
+    }
+    return _EndStart(Error);
+}
+
+OV_ERR_T OV_DispatchClientInitNoNotify(void)
+{
+    const CANCEL_SCOPE Whole;
+    if (_SetStarted(true)) {
+        return -EALREADY;
+    }
+    return _EndStart(_StartConfig(__func__, __LINE__));
+}
+
+/* Whatever waits for the server wakes with an error, and nothing new begins to wait. */
+static void _EndWaits()
+{
+    const MUTEX_SCOPE State(s_StateLock);
+
+    s_IsStopped = true;
+    shutdown(g_DispatchConfigSock, SHUT_RDWR);
+    if (g_DispatchNotify != nullptr) {
+        shutdown(g_DispatchNotify->Sock, SHUT_RDWR);
+        g_DispatchNotify->Thread.Tid = 0;
+        g_DispatchNotify->Thread.IsStop = TRUE;
+    }
+    while (s_Exchanges != 0) {
+        pthread_cond_wait(&s_Left, &s_StateLock);
+    }
+}
+
+/* A handler that stops the client is on the thread that would be waited for. The thread then keeps
+ * what it still needs, the message in the handler's hands, and ends by itself. */
+static void _StopNotify()
+{
+    const MUTEX_SCOPE State(s_StateLock);
+    _OV_DISPATCH_NOTIFY_ENTRY *Entry = std::exchange(g_DispatchNotify, nullptr);
+
+    if (Entry == nullptr) {
+        return;
+    }
+    if (Entry == s_OwnEntry) {
+        Entry->IsAbandoned = true;
+        _OV_MemDisown(g_MemModId, Entry->Desc->Buff);
+        _OV_MemDisown(g_MemModId, Entry->Desc);
+        return;
+    }
+    while (!Entry->IsEnded) {
+        pthread_cond_wait(&s_Left, &s_StateLock);
+    }
+    free(Entry);
+}
+
+void OV_DispatchClientExit(void)
+{
+    const CANCEL_SCOPE Whole;
+
+    _EndWaits();
+    _StopNotify();
+    _CloseConfig();
+    _Unregister();
+    OV_MutexDestroy(&g_ConfigMutexLock);
+    _SetStarted(false);
+    syslog(LOG_INFO, "Dispath Client unloaded!\n");
+}
+
+static bool _EnterExchange()
+{
+    const MUTEX_SCOPE State(s_StateLock);
+
+    if (s_IsStopped) {
+        return false;
+    }
+    s_Exchanges++;
+    return true;
+}
+
+static void _LeaveExchange()
+{
+    const MUTEX_SCOPE State(s_StateLock);
+
+    s_Exchanges--;
+    pthread_cond_broadcast(&s_Left);
+}
+
+/* The lock is held until a broken connection is closed, so that nobody else's exchange begins on
+ * it. */
+static OV_ERR_T _Exchange(OV_DISPATCH_DESC *Desc)
+{
+    const MUTEX_SCOPE Turn(g_ConfigMutexLock);
+    OV_ERR_T Error = _ConnectConfig();
+
+    if (Error >= 0) {
+        Error = OV_DispatchSend(g_DispatchConfigSock, Desc);
+    }
+    if (Error >= 0) {
+        _OV_DispatchClear(Desc->Buff, Desc->Size);
+        Error = OV_DispatchRecv(g_DispatchConfigSock, Desc);
+    }
+    if (Error < 0) {
+        _CloseConfig();
+    }
+    return Error;
+}
+
+OV_ERR_T OV_DispatchConfigure(OV_DISPATCH_DESC *Desc)
+{
+    const CANCEL_SCOPE Whole;
+    if (!_EnterExchange()) {
+        return -ESHUTDOWN;
+    }
+    const OV_ERR_T Error = _Exchange(Desc);
+    _LeaveExchange();
+    return Error;
+}
+
+static OV_SOCKET _NotifySocket()
+{
+    const MUTEX_SCOPE State(s_StateLock);
+
+    return g_DispatchNotify == nullptr ? -1 : g_DispatchNotify->Sock;
+}
+
+void OV_DispatchNotifyReply(uint8_t Module, uint16_t Type, const void *Info, uint32_t Size)
+{
+    const CANCEL_SCOPE Whole;
+    const MUTEX_SCOPE Push(s_PushLock);
+    const OV_SOCKET Sock = _NotifySocket();
+    if (OV_SocketIsErr(Sock)) {
+        return;
+    }
+
+    OV_DISPATCH_DESC *Desc = Size > INT32_MAX ? nullptr : OV_DispatchAllocDesc(Size + 8);
+    if (Desc == nullptr) {
+        DISPATCH_LOG(LOG_ERR, "Fail to allocate memory");
+        return;
+    }
+    OV_DispatchInitHdr(Desc, Module, Type);
+    if (OV_DispatchPut(Desc, Info, static_cast<int32_t>(Size)) == 0) {
+        OV_DispatchSend(Sock, Desc);
+    }
+    OV_DispatchFreeDesc(Desc);
+}
+
+OV_ERR_T OV_DispatchClientAddModuleFunc(uint8_t Module, OV_DISPATCH_FUNC Func)
+{
+    OV_DISPATCH_FUNC Empty = nullptr;
+
+    return g_DispatchClientFunc[Module].compare_exchange_strong(Empty, Func) ? 0 : -EBADE;
+}
+
+void OV_DispatchClientDelModuleFunc(uint8_t Module, OV_DISPATCH_FUNC Func)
+{
+    g_DispatchClientFunc[Module].compare_exchange_strong(Func, nullptr);
+}
+
+OV_DISPATCH_FUNC OV_DispatchClientGetModuleFunc(uint8_t Module)
+{
+    return g_DispatchClientFunc[Module].load();
+}
