@@ -124,7 +124,6 @@ static OV_MEMPOOL *_MakePool(const char *Name, size_t BlockSize, uint32_t BlockN
     Pool->GfpMask = GfpMask;
     Pool->BlockSize = static_cast<uint32_t>(BlockSize);
     Pool->PerCpuPool->BlockNum.store(0);
-    std::atomic_thread_fence(std::memory_order_seq_cst);
     return Pool;
 }
 
@@ -147,7 +146,7 @@ static int32_t _Publish(OV_MEMPOOL *New, size_t NameSize, bool *Published)
         }
     }
     if (Free >= 0) {
-        sg_Mempools[Free].store(New, std::memory_order_release);
+        sg_Mempools[Free].store(New); /* a full barrier: readers find the record complete */
         *Published = true;
     }
     return Free;
