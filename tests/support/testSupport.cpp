@@ -61,6 +61,12 @@ size_t OpenDescriptors()
         std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
+size_t OpenThreads()
+{
+    return static_cast<size_t>(
+        std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
+}
+
 void InstallCommand(const std::string &Name, const std::string &Script)
 {
     const std::string Path = "/run/commands/" + Name;

@@ -20,8 +20,9 @@ void WriteFile(const std::string &Path, const std::string &Text);
 std::vector<std::string> Lines(const std::string &Text);
 bool Contains(const std::string &Text, const std::string &Part);
 
-/* How many descriptors this process has open. */
+/* How many descriptors and threads this process has. */
 size_t OpenDescriptors();
+size_t OpenThreads();
 
 /* Puts a shell script of that name in front of every other command. */
 void InstallCommand(const std::string &Name, const std::string &Script);
