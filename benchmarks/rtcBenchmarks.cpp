@@ -5,6 +5,9 @@
 #include "boardModel.h"
 #include "linuxRtc.h"
 #include "orvaneLibrtcLog.h"
+#include "orvaneMem.h"
+#include "orvaneMemPool.h"
+#include "orvanePlatformRcu.h"
 
 #include <algorithm>
 #include <functional>
@@ -15,6 +18,7 @@
 #include <string>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <thread>
 #include <time.h>
 #include <unistd.h>
 #include <vector>
@@ -186,12 +190,65 @@ static void BenchCommand()
     }
 }
 
+/* Two threads at once, each doing the whole work with its own module or by itself. */
+static WORK OnTwoThreads(const std::function<void(int Thread, int Count)> &Work)
+{
+    return [Work](int Count) {
+        std::thread Other(Work, 1, Count);
+        Work(0, Count);
+        Other.join();
+    };
+}
+
+static void MallocAndFree(int Count, size_t Size)
+{
+    for (int Index = 0; Index < Count; Index++) {
+        void *Block = malloc(Size);
+        __asm__ volatile("" : : "r"(Block) : "memory"); /* the pair is not to be optimised away */
+        free(Block);
+    }
+}
+
+static void BenchMemory()
+{
+    static const int32_t Modules[] = {OV_MemModRegister("first", 5),
+                                      OV_MemModRegister("second", 6)};
+    static const int32_t Pool = OV_MemPoolCreate("bench", 5, 64, 0, 0);
+    const auto Accounted = [](int Thread, int Count, size_t Size) {
+        for (int Index = 0; Index < Count; Index++) {
+            OV_MemFree(Modules[Thread], OV_MemAlloc(Modules[Thread], Size, 0));
+        }
+    };
+
+    for (const size_t Size : {64, 640, 6400}) {
+        const std::string Name = "accounted alloc + free / malloc + free, " + std::to_string(Size);
+        Row(
+            Name.c_str(), 1000000, 11, 5, [&](int Count) { Accounted(0, Count, Size); },
+            [&](int Count) { MallocAndFree(Count, Size); });
+    }
+    Row("the same of 64, two threads on two modules", 1000000, 11, 5,
+        OnTwoThreads([&](int Thread, int Count) { Accounted(Thread, Count, 64); }),
+        OnTwoThreads([](int /*Thread*/, int Count) { MallocAndFree(Count, 64); }));
+
+    OV_RcuRegisterThread();
+    Row(
+        "pool alloc + free / malloc + free, 64", 1000000, 11, 3,
+        [](int Count) {
+            for (int Index = 0; Index < Count; Index++) {
+                OV_MemPoolFree(Pool, OV_MemPoolAlloc(Pool));
+            }
+        },
+        [](int Count) { MallocAndFree(Count, 64); });
+    OV_RcuUnregisterThread();
+}
+
 int main()
 {
     printf("%-58s %8s %13s %13s %6s\n", "ours / by hand", "count", "ours", "by hand", "ratio");
     BenchTool();
     BenchCommand();
     BenchLog();
+    BenchMemory();
     /* The figure includes what this process held when it started the tool. */
     printf("bypass_cmd peak memory: at most %ld kB (at most 8192)\n", RunTool().ru_maxrss);
     return 0;

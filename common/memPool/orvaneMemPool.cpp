@@ -213,14 +213,16 @@ static void *_AllocFrom(int32_t Id, bool Zeroed)
         return nullptr;
     }
 
+    /* Counted first: an atomic step waits for the writes before it, and most come below. */
+    Pool->PerCpuPool->BlockNum++;
     const uint32_t Size = _OV_MemGuardedSize(Pool->BlockSize);
     void *Start = Zeroed || (Pool->GfpMask & OV_GFP_ZERO) != 0
                       ? OV_MemPoolPlatformNewZeroAlloc(Size)
                       : OV_MemPoolPlatformNewAlloc(Size);
     if (Start == nullptr) {
+        Pool->PerCpuPool->BlockNum--;
         return nullptr;
     }
-    Pool->PerCpuPool->BlockNum++;
     return _OV_MemGuard(Start, Size);
 }
 
@@ -234,21 +236,19 @@ void *OV_MemPoolZeroAlloc(int32_t Id)
     return _AllocFrom(Id, true);
 }
 
-static void _CheckGuards(int32_t Id, const char *Name, void *Ptr)
+/* Kept out of the way of the frees that find nothing. */
+static void __attribute__((cold, noinline)) _ReportDamage(int32_t Id, const char *Name, void *Ptr)
 {
+    const CANCEL_SCOPE Whole; /* the block is about to be released */
     const _OV_MEM_PREFIX *Prefix = _OV_MemPrefix(Ptr);
     MEM_BLOCK_HEADER_S *Header = reinterpret_cast<MEM_BLOCK_HEADER_S *>(_OV_MemPrefix(Ptr)) - 1;
     const size_t Room = malloc_usable_size(Header) - sizeof(*Header);
     const MEM_GUARDS Found = _OV_MemGuardsOf(Prefix, Room);
-    if (Found.State == MEM_GUARDS::INTACT) {
-        return;
-    }
 
-    const CANCEL_SCOPE Whole; /* the block is about to be released */
     if (Found.State == MEM_GUARDS::PREFIX_DAMAGED) {
         syslog(LOG_ERR, "MODULE %s[%d] memory was overflowed, size=%u, Canary=0x%x\n", Name, Id,
                Prefix->Size, Found.Canary);
-    } else {
+    } else if (Found.State == MEM_GUARDS::SUFFIX_DAMAGED) {
         syslog(LOG_ERR, "MODULE %s[%d] overflow other memory, size=%u\n", Name, Id, Prefix->Size);
     }
 }
@@ -261,11 +261,15 @@ void OV_MemPoolFree(int32_t Id, void *Ptr)
 
     const RCU_READ_SCOPE Reading;
     OV_MEMPOOL *Pool = _Pool(Id);
-    _CheckGuards(Id, Pool == nullptr ? "" : Pool->Name, Ptr);
-    if (Pool != nullptr) {
-        OV_MemPooLPlatformFree(_OV_MemPrefix(Ptr));
-        Pool->PerCpuPool->BlockNum--;
+    if (Pool == nullptr) {
+        _ReportDamage(Id, "", Ptr); /* a block that stays lost is looked at all the same */
+        return;
     }
+    if (!_OV_MemIsIntact(_OV_MemPrefix(Ptr), _OV_MemGuardedSize(Pool->BlockSize))) {
+        _ReportDamage(Id, Pool->Name, Ptr);
+    }
+    Pool->PerCpuPool->BlockNum--;
+    OV_MemPooLPlatformFree(_OV_MemPrefix(Ptr));
 }
 
 void OV_MemPoolUsageById(int32_t Id, MEMPOOL_INFO *Info)

@@ -190,28 +190,35 @@ static void *_Alloc(int32_t ModId, const MEM_ACCOUNT &Account, size_t Size, bool
     if (Block == nullptr) {
         return nullptr;
     }
-    void *Ptr = _OV_MemGuard(Block, Actual);
-    Account.Inc(ModId, Actual);
-    return Ptr;
+    Account.Inc(ModId, Actual); /* ahead of the guards: a lock waits for the writes before it */
+    return _OV_MemGuard(Block, Actual);
 }
 
-/* The two arrows have always been written differently; scripts match on them. */
+/* Kept out of the way of the blocks that are whole. The two arrows have always been written
+ * differently; scripts match on them. */
+static void __attribute__((cold, noinline))
+_ReportDamage(int32_t ModId, const char *Operation, void *Ptr, const MEM_GUARDS &Found)
+{
+    const CANCEL_SCOPE Whole; /* the caller is about to release the block */
+    const char *Name = g_TraceMem[ModId].Name;
+    const uint32_t Size = _OV_MemPrefix(Ptr)->Size;
+
+    if (Found.State == MEM_GUARDS::PREFIX_DAMAGED) {
+        syslog(LOG_ERR, "MODULE[%s]%s mem %p, prefix is corrupt(0x%X -> 0x%X), size=%u\n", Name,
+               Operation, Ptr, MEM_PREFIX_CANARY, Found.Canary, Size);
+    } else {
+        syslog(LOG_ERR, "MODULE[%s]%s mem %p, suffix is corrupt(0x%X -- > 0x%X), size=%u\n", Name,
+               Operation, Ptr, MEM_SUFFIX_CANARY, Found.Canary, Size);
+    }
+}
+
 static void _CheckGuards(int32_t ModId, const char *Operation, void *Ptr)
 {
     _OV_MEM_PREFIX *Prefix = _OV_MemPrefix(Ptr);
     const MEM_GUARDS Found = _OV_MemGuardsOf(Prefix, malloc_usable_size(Prefix));
-    if (Found.State == MEM_GUARDS::INTACT) {
-        return;
-    }
 
-    const CANCEL_SCOPE Whole; /* the caller is about to release the block */
-    const char *Name = g_TraceMem[ModId].Name;
-    if (Found.State == MEM_GUARDS::PREFIX_DAMAGED) {
-        syslog(LOG_ERR, "MODULE[%s]%s mem %p, prefix is corrupt(0x%X -> 0x%X), size=%u\n", Name,
-               Operation, Ptr, MEM_PREFIX_CANARY, Found.Canary, Prefix->Size);
-    } else {
-        syslog(LOG_ERR, "MODULE[%s]%s mem %p, suffix is corrupt(0x%X -- > 0x%X), size=%u\n", Name,
-               Operation, Ptr, MEM_SUFFIX_CANARY, Found.Canary, Prefix->Size);
+    if (Found.State != MEM_GUARDS::INTACT) {
+        _ReportDamage(ModId, Operation, Ptr, Found);
     }
 }
 

@@ -54,19 +54,31 @@ static inline void *_OV_MemGuard(void *Start, uint32_t Size)
     return Prefix + 1;
 }
 
+/* Whether a block whose whole is Size bytes is as it was given out. */
+static inline bool _OV_MemIsIntact(const _OV_MEM_PREFIX *Prefix, uint32_t Size)
+{
+    _OV_MEM_SUFFIX Suffix;
+
+    if (Prefix->Canary != MEM_PREFIX_CANARY || Prefix->Size != Size) {
+        return false;
+    }
+    memcpy(&Suffix, reinterpret_cast<const char *>(Prefix) + Size - sizeof(Suffix), sizeof(Suffix));
+    return Suffix.Canary == MEM_SUFFIX_CANARY;
+}
+
 /* Room is what the platform gave from Prefix on: bytes written just before the caller's own hit
  * the size first, and a suffix is not looked for where no memory of ours is. */
 static inline MEM_GUARDS _OV_MemGuardsOf(const _OV_MEM_PREFIX *Prefix, size_t Room)
 {
-    _OV_MEM_SUFFIX Suffix = {};
-
     if (Prefix->Canary != MEM_PREFIX_CANARY) {
         return {MEM_GUARDS::PREFIX_DAMAGED, Prefix->Canary};
     }
-    if (Prefix->Size >= MEM_OVERHEAD && Prefix->Size <= Room) {
-        memcpy(&Suffix, reinterpret_cast<const char *>(Prefix) + Prefix->Size - sizeof(Suffix),
-               sizeof(Suffix));
+    if (Prefix->Size < MEM_OVERHEAD || Prefix->Size > Room) {
+        return {MEM_GUARDS::SUFFIX_DAMAGED, 0};
     }
+    _OV_MEM_SUFFIX Suffix;
+    memcpy(&Suffix, reinterpret_cast<const char *>(Prefix) + Prefix->Size - sizeof(Suffix),
+           sizeof(Suffix));
     if (Suffix.Canary != MEM_SUFFIX_CANARY) {
         return {MEM_GUARDS::SUFFIX_DAMAGED, Suffix.Canary};
     }

@@ -9,6 +9,9 @@
 #ifndef ORVANE_PLATFORM_RCU_H
 #define ORVANE_PLATFORM_RCU_H
 
+/* The read sections are liburcu's own few inline lines, which it leaves to any code to use so: as
+ * calls they would cost more than the allocation that they guard. */
+#include <urcu/static/urcu-memb.h>
 #include <urcu/urcu-memb.h>
 
 /* The sanitizer does not see the ordering inside liburcu and is told of it here: what was read in
@@ -41,13 +44,13 @@ static inline void OV_RcuUnregisterThread(void)
 /* Read sections nest. */
 static inline void OV_RcuReadLock(void)
 {
-    urcu_memb_read_lock();
+    _urcu_memb_read_lock();
 }
 
 static inline void OV_RcuReadUnlock(void)
 {
     OV_RCU_RELEASE();
-    urcu_memb_read_unlock();
+    _urcu_memb_read_unlock();
 }
 
 /* Waits until every read section that was open at the call is over. Not to be called inside one. */
