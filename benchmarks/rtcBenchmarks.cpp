@@ -220,7 +220,7 @@ static void BenchMemory()
         }
     };
 
-    for (const size_t Size : {64, 640, 6400}) {
+    for (const size_t Size : {64U, 640U, 6400U}) {
         const std::string Name = "accounted alloc + free / malloc + free, " + std::to_string(Size);
         Row(
             Name.c_str(), 1000000, 11, 5, [&](int Count) { Accounted(0, Count, Size); },
