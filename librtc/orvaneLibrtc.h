@@ -4,6 +4,7 @@
 
 #include "linuxRtc.h"
 #include "linuxRtcBypass.h"
+#include "orvaneInetTypes.h"
 #include "orvaneLibrtcLog.h"
 #include "orvaneSafeStr.h"
 #include "orvaneTypes.h"
