@@ -10,6 +10,8 @@
 #include <string.h>
 #include <strings.h>
 
+static constexpr unsigned RADIX_MAX = 36;
+
 /* "0.0.0.0": no shorter text is an address. */
 static constexpr size_t IP4_TEXT_LENGTH_MIN = 7;
 static constexpr unsigned IP4_PART_COUNT = 4;
@@ -178,12 +180,13 @@ template <auto Convert, typename NUMBER>
 static char *_GetNumber(const char *SrcStr, unsigned int Radix, NUMBER *OutNumber)
 {
     *OutNumber = 0;
-    if (SrcStr == nullptr) {
+    /* For a radix that there is not, not every conversion says where it stopped. */
+    if (SrcStr == nullptr || Radix == 1 || Radix > RADIX_MAX) {
         return nullptr;
     }
 
     const char *Start = _SkipSpace(SrcStr);
-    char *End = _Position(Start); /* an invalid radix leaves End as it was */
+    char *End = nullptr;
     const auto Value = Convert(Start, &End, static_cast<int>(Radix));
     if (End == Start) {
         return nullptr;
@@ -436,7 +439,6 @@ static const char *_ScanDigits(IP6_READING *Reading, const char *Next, const cha
     uint32_t Group = 0;
     unsigned Digits = 0;
 
-#pragma GCC unroll 4
     for (; Digits < IP6_GROUP_DIGITS && Next < End; Digits++, Next++) {
         const int Digit = _OV_SafeStrHexDigitValue(*Next);
         if (Digit < 0) {
