@@ -8,6 +8,7 @@
 #include "orvaneAssert.h"
 #include "orvaneDispatch.h"
 #include "orvaneDispatchClient.h"
+#include "orvaneInetTypes.h"
 #include "orvaneIo.h"
 #include "orvaneLibrtcLog.h"
 #include "orvaneLibrtcMem.h"
