@@ -1,6 +1,7 @@
 #include "orvaneDispatchClient.h"
 
 #include "orvaneDispatchInternal.h"
+#include "orvaneGateInternal.h"
 #include "orvaneMemInternal.h"
 #include "orvaneScope.h"
 #include "orvaneThread.h"
@@ -42,12 +43,14 @@ static OV_MUTEX_T s_PushLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 /* Guards what follows; never held while anything waits for the server. Taken after either of the
  * two above. */
 static OV_MUTEX_T s_StateLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
-static pthread_cond_t s_Left = PTHREAD_COND_INITIALIZER; /* the thread, or an exchange */
+static pthread_cond_t s_ThreadEnded = PTHREAD_COND_INITIALIZER;
 static bool s_IsStarted;
-static bool s_IsStopped;                    /* by a stop, until the next start */
-static uint32_t s_Exchanges;                /* callers that are in one, or wait for their turn */
-static OV_SOCKET g_DispatchConfigSock = -1; /* written under g_ConfigMutexLock as well */
+static OV_SOCKET g_DispatchConfigSock = -1;         /* written under g_ConfigMutexLock as well */
 static _OV_DISPATCH_NOTIFY_ENTRY *g_DispatchNotify; /* null: no notification thread */
+
+/* Exchanges pass it: also before the first start, but not from a stop, or a start that failed, to
+ * the next start. */
+static GATE s_ConfigGate(true);
 
 /* Changed by compare-and-swap alone, read without a lock. */
 static std::atomic<OV_DISPATCH_FUNC> g_DispatchClientFunc[UINT8_MAX + 1];
@@ -100,7 +103,7 @@ static OV_ERR_T _ConnectConfig()
     }
     const MUTEX_SCOPE State(s_StateLock);
     g_DispatchConfigSock = Sock;
-    if (s_IsStopped) {
+    if (!s_ConfigGate.IsOpen()) {
         shutdown(Sock, SHUT_RDWR); /* the stop has come meanwhile and found nothing to end */
     }
     return 0;
@@ -191,7 +194,7 @@ static void _EndNotify(_OV_DISPATCH_NOTIFY_ENTRY *Entry)
     }
     OV_DispatchFreeDesc(Entry->Desc);
     Entry->IsEnded = true;
-    pthread_cond_broadcast(&s_Left);
+    pthread_cond_signal(&s_ThreadEnded);
 }
 
 static void *_OV_DispatchNotifyClientThread(void *Arg)
@@ -248,8 +251,7 @@ static OV_ERR_T _Register()
         return ModId;
     }
     g_MemModId = ModId;
-    const MUTEX_SCOPE State(s_StateLock);
-    s_IsStopped = false;
+    s_ConfigGate.SetOpen(true);
     return 0;
 }
 
@@ -284,10 +286,28 @@ static OV_ERR_T _StartConfig(const char *Function, int Line)
     return Error;
 }
 
+/* Whatever waits for the server wakes with an error, and nothing new begins to wait. */
+static void _EndWaits()
+{
+    s_ConfigGate.SetOpen(false);
+    {
+        const MUTEX_SCOPE State(s_StateLock);
+
+        shutdown(g_DispatchConfigSock, SHUT_RDWR);
+        if (g_DispatchNotify != nullptr) {
+            shutdown(g_DispatchNotify->Sock, SHUT_RDWR);
+            g_DispatchNotify->Thread.Tid = 0;
+            g_DispatchNotify->Thread.IsStop = TRUE;
+        }
+    }
+    s_ConfigGate.WaitUntilEmpty();
+}
+
 /* What both starts end with: what has been opened stays only where all went well. */
 static OV_ERR_T _EndStart(OV_ERR_T Error)
 {
     if (Error < 0) {
+        _EndWaits();
         _CloseConfig();
         _Unregister();
         OV_MutexDestroy(&g_ConfigMutexLock);
@@ -346,23 +366,6 @@ OV_ERR_T OV_DispatchClientInitNoNotify(void)
     return _EndStart(_StartConfig(__func__, __LINE__));
 }
 
-/* Whatever waits for the server wakes with an error, and nothing new begins to wait. */
-static void _EndWaits()
-{
-    const MUTEX_SCOPE State(s_StateLock);
-
-    s_IsStopped = true;
-    shutdown(g_DispatchConfigSock, SHUT_RDWR);
-    if (g_DispatchNotify != nullptr) {
-        shutdown(g_DispatchNotify->Sock, SHUT_RDWR);
-        g_DispatchNotify->Thread.Tid = 0;
-        g_DispatchNotify->Thread.IsStop = TRUE;
-    }
-    while (s_Exchanges != 0) {
-        pthread_cond_wait(&s_Left, &s_StateLock);
-    }
-}
-
 /* A handler that stops the client is on the thread that would be waited for. The thread then keeps
  * what it still needs, the message in the handler's hands, and ends by itself. */
 static void _StopNotify()
@@ -380,7 +383,7 @@ static void _StopNotify()
         return;
     }
     while (!Entry->IsEnded) {
-        pthread_cond_wait(&s_Left, &s_StateLock);
+        pthread_cond_wait(&s_ThreadEnded, &s_StateLock);
     }
     free(Entry);
 }
@@ -396,25 +399,6 @@ void OV_DispatchClientExit(void)
     OV_MutexDestroy(&g_ConfigMutexLock);
     _SetStarted(false);
     syslog(LOG_INFO, "Dispath Client unloaded!\n");
-}
-
-static bool _EnterExchange()
-{
-    const MUTEX_SCOPE State(s_StateLock);
-
-    if (s_IsStopped) {
-        return false;
-    }
-    s_Exchanges++;
-    return true;
-}
-
-static void _LeaveExchange()
-{
-    const MUTEX_SCOPE State(s_StateLock);
-
-    s_Exchanges--;
-    pthread_cond_broadcast(&s_Left);
 }
 
 /* The lock is held until a broken connection is closed, so that nobody else's exchange begins on
@@ -440,12 +424,9 @@ static OV_ERR_T _Exchange(OV_DISPATCH_DESC *Desc)
 OV_ERR_T OV_DispatchConfigure(OV_DISPATCH_DESC *Desc)
 {
     const CANCEL_SCOPE Whole;
-    if (!_EnterExchange()) {
-        return -ESHUTDOWN;
-    }
-    const OV_ERR_T Error = _Exchange(Desc);
-    _LeaveExchange();
-    return Error;
+    const GATE_SCOPE Passed(s_ConfigGate);
+
+    return Passed.IsIn() ? _Exchange(Desc) : -ESHUTDOWN;
 }
 
 static OV_SOCKET _NotifySocket()
