@@ -9,6 +9,7 @@
 #include "orvaneIo.h"
 #include "orvaneLibrtcLog.h"
 #include "orvaneLibrtcMem.h"
+#include "orvaneLogFile.h"
 #include "orvaneMem.h"
 #include "orvanePlatformMutex.h"
 #include "orvanePlatformResult.h"

@@ -10,6 +10,7 @@
 #define ORVANE_SCOPE_H
 
 #include "orvanePlatformMutex.h"
+#include "orvanePlatformSpinlock.h"
 
 #include <memory>
 #include <stdio.h>
@@ -48,6 +49,23 @@ class MUTEX_SCOPE {
 
   private:
     OV_MUTEX_T &Held;
+};
+
+class SPINLOCK_SCOPE {
+  public:
+    explicit SPINLOCK_SCOPE(OV_SPINLOCK_T &Spinlock) : Held(Spinlock)
+    {
+        OV_SpinLock(&Held);
+    }
+    ~SPINLOCK_SCOPE()
+    {
+        OV_SpinUnlock(&Held);
+    }
+    SPINLOCK_SCOPE(const SPINLOCK_SCOPE &) = delete;
+    SPINLOCK_SCOPE &operator=(const SPINLOCK_SCOPE &) = delete;
+
+  private:
+    OV_SPINLOCK_T &Held;
 };
 
 struct STREAM_CLOSE {
