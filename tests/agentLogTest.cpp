@@ -159,6 +159,36 @@ TEST_F(AgentLog, TheCheckRestartsAMissingSystemLog)
                   "/var/log/messages not exist, but failed to restart rsyslog server(ret = -1)."));
 }
 
+/* The rotating back end: its lines, its settings, and where lines go once it has stopped. */
+TEST_F(AgentLog, TheRotatingBackEndWritesThroughALogFile)
+{
+    EXPECT_EQ(OV_AgentMavoLogCtor(std::string(128, 'x').c_str()), -EOVERFLOW);
+    ASSERT_EQ(OV_AgentMavoLogCtor(LOG_PATH), 0);
+    OV_AgentLogOps()->FileLog.IsNeedReCreate = TRUE; /* means nothing to it */
+    OV_LOG_WARN("%d", 1);
+    OV_COMMDebug("[as it stands]\n");
+    const STRINGS Written = Lines(ReadFile(LOG_PATH));
+    ASSERT_EQ(Written.size(), 4U);
+    EXPECT_TRUE(Matches(Written[0], TIME + "log start\\.\\.\\."));
+    EXPECT_TRUE(Matches(Written[2], TIME + R"(\[WARN\]\[TestBody-\d+\]1)")) << Written[2];
+    EXPECT_TRUE(Matches(Written[3], TIME + R"(\[as it stands\])")) << Written[3];
+
+    EXPECT_EQ(OV_AgentLogFileSetMaxSize(1), 0);
+    EXPECT_EQ(OV_AgentLogFileSetNum(1), 0);
+    OV_LOG_INFO("rotated");
+    OV_LOG_INFO("kept");
+    EXPECT_TRUE(Contains(ReadFile(LOG_PATH + std::string(".0")), "]kept\n"));
+    EXPECT_EQ(access((LOG_PATH + std::string(".1")).c_str(), F_OK), -1);
+
+    OV_AgentLogDtor();
+    EXPECT_EQ(OV_AgentLogOps()->FileLog.HandlerId, -1);
+    EXPECT_EQ(OV_AgentLogFileSetMaxSize(1), -EINVAL);
+    EXPECT_EQ(OV_AgentLogFileSetNum(1), -EINVAL);
+    testing::internal::CaptureStdout();
+    OV_LOG_INFO("after the stop");
+    EXPECT_TRUE(Contains(testing::internal::GetCapturedStdout(), "]after the stop\n"));
+}
+
 TEST_F(AgentLog, ChildrenDoNotInheritTheFile)
 {
     char Descriptors[4096];
