@@ -2,6 +2,7 @@
  * does not come back after its file vanished, a crash without a back end. */
 #include "linuxRtc.h"
 #include "orvaneLibrtcLog.h"
+#include "orvaneLogFile.h"
 #include "testSupport.h"
 
 #include <atomic>
@@ -162,6 +163,10 @@ TEST_F(AgentLog, TheCheckRestartsAMissingSystemLog)
 /* The rotating back end: its lines, its settings, and where lines go once it has stopped. */
 TEST_F(AgentLog, TheRotatingBackEndWritesThroughALogFile)
 {
+    char Descriptors[4096];
+    const size_t Before = OpenDescriptors();
+    const int32_t Other = OV_LogFileInit("/tmp/other", 10); /* ours is not the first handle */
+
     EXPECT_EQ(OV_AgentMavoLogCtor(std::string(128, 'x').c_str()), -EOVERFLOW);
     ASSERT_EQ(OV_AgentMavoLogCtor(LOG_PATH), 0);
     OV_AgentLogOps()->FileLog.IsNeedReCreate = TRUE; /* means nothing to it */
@@ -179,8 +184,12 @@ TEST_F(AgentLog, TheRotatingBackEndWritesThroughALogFile)
     OV_LOG_INFO("kept");
     EXPECT_TRUE(Contains(ReadFile(LOG_PATH + std::string(".0")), "]kept\n"));
     EXPECT_EQ(access((LOG_PATH + std::string(".1")).c_str(), F_OK), -1);
+    ASSERT_GT(OV_RTCExecCmd("ls -l /proc/self/fd", Descriptors, sizeof(Descriptors)), 0);
+    EXPECT_FALSE(Contains(Descriptors, LOG_PATH)) << Descriptors;
 
     OV_AgentLogDtor();
+    OV_LogFileRelease(static_cast<uint32_t>(Other));
+    EXPECT_EQ(OpenDescriptors(), Before);
     EXPECT_EQ(OV_AgentLogOps()->FileLog.HandlerId, -1);
     EXPECT_EQ(OV_AgentLogFileSetMaxSize(1), -EINVAL);
     EXPECT_EQ(OV_AgentLogFileSetNum(1), -EINVAL);

@@ -114,6 +114,12 @@ TEST_F(LogFile, CopiesMoveOnByOneNumberAndTheOldestIsOverwritten)
         }
         OV_LogFileRelease(Id);
     }
+
+    /* What cannot be renamed is removed: a live file must not grow for ever. */
+    SetUp();
+    fs::create_directory(LIVE + ".0");
+    OV_Log2File(Open(LIVE, 1, 1), "one");
+    EXPECT_EQ(ReadFile(LIVE), "");
 }
 
 TEST_F(LogFile, AFileWhoseRotatedNameIsTooLongGrowsAndTriesAgain)
@@ -269,7 +275,10 @@ TEST_F(LogFile, WithoutAFileLinesGoToStandardOutputWhichTheReleaseCloses)
         const OV_ERR_T Result = OV_FileLogInit(LIVE.c_str(), LIVE.size(), 0, 0);
         const int Size = OV_FileLog("default\n");
         OV_FileLogRelease();
+        const uint32_t Next = Open(FOLDER + "/next"); /* the same slot, another owner */
         OV_FileLog("released\n");
+        OV_FileLogRelease();
+        OV_LogFileRelease(Next);
         const int32_t Id = OV_LogFileInit(nullptr, 0);
         OV_Log2File(0, "console\n");
         OV_Log2File(5, "free\n");
