@@ -29,7 +29,7 @@ struct _OV_LOG_HANDLE_ {
 };
 
 /* The index is the handle's id. Slots are taken and given back under s_LogFileLock. */
-static _OV_LOG_HANDLE_ s_LogHandle[OV_LOG_FILE_HANDLE_COUNT];
+static constinit _OV_LOG_HANDLE_ s_LogHandle[OV_LOG_FILE_HANDLE_COUNT] = {};
 
 static OV_MUTEX_T s_LogFileLock;
 static pthread_once_t s_LogFileLockInitialized = PTHREAD_ONCE_INIT;
