@@ -253,12 +253,16 @@ TEST_F(AgentLog, NoLineIsLostSplitOrDoubledBetweenThreads)
     constexpr int MOVES = 10;
     std::vector<std::thread> Threads;
     std::atomic<int> Written{0};
+    std::atomic<int> Moved{0};
 
     ASSERT_EQ(OV_AgentFileLogCtor(LOG_PATH), 0);
     Threads.reserve(THREADS);
     for (int Thread = 0; Thread < THREADS; Thread++) {
-        Threads.emplace_back([Thread, &Written] {
+        Threads.emplace_back([Thread, &Written, &Moved] {
             for (int Line = 0; Line < LINES_EACH; Line++) {
+                if (Line % (LINES_EACH / MOVES) == 0) { /* never past a mover that has no turn */
+                    WaitUntil([&] { return Moved >= Line * MOVES / LINES_EACH - 1; });
+                }
                 OV_LOG_INFO("%d:%d:%s", Thread, Line,
                             std::string(static_cast<size_t>(Line % 300), 'x').c_str());
                 Written++;
@@ -273,6 +277,7 @@ TEST_F(AgentLog, NoLineIsLostSplitOrDoubledBetweenThreads)
             rename(LOG_PATH, Files.back().c_str());
         }
         OV_AgentLogFileCheck();
+        Moved++;
     }
     for (std::thread &Thread : Threads) {
         Thread.join();
