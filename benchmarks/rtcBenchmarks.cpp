@@ -5,6 +5,7 @@
 #include "boardModel.h"
 #include "linuxRtc.h"
 #include "orvaneLibrtcLog.h"
+#include "orvaneLogFile.h"
 #include "orvaneMem.h"
 #include "orvaneMemPool.h"
 #include "orvanePlatformRcu.h"
@@ -170,6 +171,37 @@ static void BenchLog()
             });
     }
     OV_AgentLogDtor();
+    fclose(Plain);
+}
+
+static void BenchLogFile()
+{
+    static constexpr char PATH[] = "/tmp/rotating.log";
+    static const int32_t Id = OV_LogFileInit(PATH, strlen(PATH));
+    static FILE *Plain = fopen("/tmp/plainFile.log", "ae");
+
+    if (Plain == nullptr) {
+        abort();
+    }
+    OV_LogFileSetMaxFileSize(static_cast<uint32_t>(Id), UINT32_MAX);
+    for (const int Count : {1000, 10000, 100000}) {
+        Row(
+            "a log-file line / fprintf + fflush of the same bytes", Count, 11, 1.5,
+            [](int Lines) {
+                for (int Index = 0; Index < Lines; Index++) {
+                    OV_Log2File(static_cast<uint32_t>(Id), "set %s %s %s(ret: %d)\n", "Huier-J1900",
+                                "bypass", "success", Index);
+                }
+            },
+            [](int Lines) {
+                for (int Index = 0; Index < Lines; Index++) {
+                    fprintf(Plain, "%sset %s %s %s(ret: %d)\n", "[2026/11/22_21:15:15.182]",
+                            "Huier-J1900", "bypass", "success", Index);
+                    fflush(Plain);
+                }
+            });
+    }
+    OV_LogFileRelease(static_cast<uint32_t>(Id));
     fclose(Plain);
 }
 
@@ -358,6 +390,7 @@ int main()
     BenchLog();
     BenchMemory();
     BenchAddresses();
+    BenchLogFile();
     /* The figure includes what this process held when it started the tool. */
     printf("bypass_cmd peak memory: at most %ld kB (at most 8192)\n", RunTool().ru_maxrss);
     return 0;

@@ -1,6 +1,8 @@
 #include "orvaneLibrtcLog.h"
 
 #include "linuxRtc.h"
+#include "orvaneLogFile.h"
+#include "orvaneLogStampInternal.h"
 #include "orvaneSafeStr.h"
 #include "orvaneScope.h"
 
@@ -11,7 +13,6 @@
 #include <sys/time.h>
 #include <time.h>
 
-static constexpr size_t TIME_TEXT_SIZE = 64;
 static constexpr const char *SYSTEM_LOG_PATH = "/var/log/messages";
 
 static const char *const s_AgentLogLevelStr[OV_AGENT_LOG_LEVEL_MAX] = {"DEBUG", "INFO", "WARN",
@@ -45,47 +46,31 @@ static OV_ERR_T OV_GetTimeOfDay(struct timeval *Now)
     return gettimeofday(Now, nullptr) == 0 ? 0 : -errno;
 }
 
-/* The date and time of a second, as the last line of this thread had it: a busy log writes many
- * lines a second, and breaking the time down and printing it is a third of a line's cost. */
-struct SECOND_TEXT {
-    time_t Second;
-    char Text[TIME_TEXT_SIZE]; /* empty until the first line */
-};
-static thread_local SECOND_TEXT s_SecondText;
-
 /* Leaves TimeBuf empty when the time cannot be had. */
-static void _OV_AgentGetTimeStr(char *TimeBuf, size_t TimeBufSize)
+static void _OV_AgentGetTimeStr(char (&TimeBuf)[LOG_STAMP_SIZE])
 {
     struct timeval Now;
-    SECOND_TEXT &Last = s_SecondText;
+    struct tm Date;
 
     TimeBuf[0] = '\0';
     if (OV_GetTimeOfDay(&Now) != 0) {
         return;
     }
-    if (Last.Text[0] == '\0' || Last.Second != Now.tv_sec) {
-        struct tm Date;
-
-        if (localtime_r(&Now.tv_sec, &Date) == nullptr) {
-            printf("date is null: %s\n", strerror(errno));
-            return;
-        }
-        OV_SNPrintf(Last.Text, sizeof(Last.Text), "[%04d/%02d/%02d_%02d:%02d:%02d",
-                    Date.tm_year + 1900, Date.tm_mon + 1, Date.tm_mday, Date.tm_hour, Date.tm_min,
-                    Date.tm_sec);
-        Last.Second = Now.tv_sec;
+    if (OV_LogLocalTime(&Now.tv_sec, &Date) == nullptr) {
+        printf("date is null: %s\n", strerror(errno));
+        return;
     }
-    OV_SNPrintf(TimeBuf, TimeBufSize, "%s.%03ld]", Last.Text,
-                static_cast<long>(Now.tv_usec / 1000));
+    OV_PrintLogStamp(TimeBuf, Date.tm_year + 1900, Date.tm_mon + 1, Date.tm_mday, Date.tm_hour,
+                     Date.tm_min, Date.tm_sec, static_cast<int>(Now.tv_usec / 1000));
 }
 
 /* Opens the file for appending and writes its first line; "e": the shell commands that the
  * library runs are not to inherit the log. The errno of a failed open is left for the caller. */
 static FILE *_OpenLogFile(const char *Path, const char *FirstLine)
 {
-    char Time[TIME_TEXT_SIZE];
+    char Time[LOG_STAMP_SIZE];
 
-    _OV_AgentGetTimeStr(Time, sizeof(Time));
+    _OV_AgentGetTimeStr(Time);
     FILE *Stream = fopen(Path, "ae");
     if (Stream == nullptr) {
         return nullptr;
@@ -144,9 +129,9 @@ static void OV_PRINTF_LIKE(2, 0)
 {
     const int CallerErrno = errno; /* a log line between a failure and its report changes nothing */
     const CANCEL_SCOPE Whole;      /* a thread that ends here would keep the lock */
-    char Time[TIME_TEXT_SIZE];
+    char Time[LOG_STAMP_SIZE];
 
-    _OV_AgentGetTimeStr(Time, sizeof(Time));
+    _OV_AgentGetTimeStr(Time);
     {
         const MUTEX_SCOPE Lock(s_AgentLogLock);
 
@@ -206,6 +191,60 @@ OV_ERR_T OV_AgentFileLogCtor(const char *Path)
 {
     return _OV_AgentLogCtor(Path, nullptr, _OV_AgentFileLogInit, _OV_AgentFileLogRelease,
                             _OV_AgentFileLog, _OV_AgentFileLogValist);
+}
+
+static int _OV_AgentMavoLogInit(OV_AGENT_LOG *Log)
+{
+    const int32_t Id = OV_LogFileInit(Log->FileLog.Path, strlen(Log->FileLog.Path));
+
+    if (Id < 0) {
+        return -ENOENT;
+    }
+    Log->FileLog.HandlerId = Id;
+    return 0;
+}
+
+/* The -1 that stays behind is, as the unsigned id that a log file takes, above every handle: lines
+ * after the stop go to standard output. Kept: what a program logs on its way out is still seen, and
+ * the settings refuse the id instead of changing a handle that has a new owner. */
+static void _OV_AgentMavoLogRelease(OV_AGENT_LOG *Log)
+{
+    if (Log->FileLog.HandlerId >= 0) {
+        OV_LogFileRelease(static_cast<uint32_t>(Log->FileLog.HandlerId));
+        Log->FileLog.HandlerId = -1;
+    }
+}
+
+static void OV_PRINTF_LIKE(2, 0)
+    _OV_AgentMavoLogValist(int /*Level*/, const char *Format, va_list Args)
+{
+    OV_Log2FileWithVaList(static_cast<uint32_t>(s_AgentLog.FileLog.HandlerId), Format, Args);
+}
+
+static void OV_PRINTF_LIKE(2, 3) _OV_AgentMavoLog(int Level, const char *Format, ...)
+{
+    va_list Args;
+
+    va_start(Args, Format);
+    _OV_AgentMavoLogValist(Level, Format, Args);
+    va_end(Args);
+}
+
+OV_ERR_T OV_AgentMavoLogCtor(const char *Path)
+{
+    return _OV_AgentLogCtor(Path, nullptr, _OV_AgentMavoLogInit, _OV_AgentMavoLogRelease,
+                            _OV_AgentMavoLog, _OV_AgentMavoLogValist);
+}
+
+OV_ERR_T OV_AgentLogFileSetMaxSize(uint32_t MaxFileSize)
+{
+    return OV_LogFileSetMaxFileSize(static_cast<uint32_t>(s_AgentLog.FileLog.HandlerId),
+                                    MaxFileSize);
+}
+
+OV_ERR_T OV_AgentLogFileSetNum(uint32_t FileNum)
+{
+    return OV_LogFileSetFileNum(static_cast<uint32_t>(s_AgentLog.FileLog.HandlerId), FileNum);
 }
 
 OV_ERR_T OV_AgentCustomLogCtor(OV_AGENT_LOG_FUNC Log, OV_AGENT_LOG_VALIST_FUNC LogValist)

@@ -12,6 +12,7 @@
 #include "orvaneIo.h"
 #include "orvaneLibrtcLog.h"
 #include "orvaneLibrtcMem.h"
+#include "orvaneLogFile.h"
 #include "orvaneMem.h"
 #include "orvaneMemPool.h"
 #include "orvanePlatformMutex.h"

@@ -2,11 +2,11 @@
  * The agent log: one process-wide record with a back end that the program picks once at start.
  *
  * Every log site of the library writes "[LEVEL][function-line]message" through the record's Log
- * operation, when the record's LimitLevel lets its level pass. Two back ends stand here: a plain
- * file that is created again when it vanished, and functions supplied by the caller. Without a
- * back end nothing is written.
+ * operation, when the record's LimitLevel lets its level pass. Three back ends stand here: a plain
+ * file that is created again when it vanished, a file that is rotated by size, and functions
+ * supplied by the caller. Without a back end nothing is written.
  *
- * Any thread may log; a record of the file back end is written whole, under one lock. Constructing
+ * Any thread may log; a record of the file back ends is written whole, under one lock. Constructing
  * and destructing belong to the start and the end of the process, on one thread.
  */
 #ifndef ORVANE_LIBRTC_LOG_H
@@ -44,9 +44,9 @@ typedef void (*OV_AGENT_LOG_VALIST_FUNC)(int Level, const char *Format, va_list 
 
 typedef struct _OV_AGENT_LOG {
     struct {
-        char Path[OV_AGENT_LOG_PATH_SIZE]; /* file path, or log name of a rotating back end */
+        char Path[OV_AGENT_LOG_PATH_SIZE]; /* of the file, plain or rotated */
         FILE *Fp;                          /* the file back end's stream, null when closed */
-        int32_t HandlerId;                 /* of a rotating back end, -1 when released */
+        int32_t HandlerId;                 /* the rotating back end's, -1 when released */
         BOOL IsNeedReCreate;               /* the file vanished: the next write creates it */
     } FileLog;
     char Tag[OV_AGENT_LOG_TAG_SIZE]; /* for programs; no back end reads it */
@@ -70,17 +70,30 @@ const char *OV_AgentLogLevel(OV_AGENT_LOG_LEVEL Level);
  * the same. Nothing that was constructed before is released: call OV_AgentLogDtor first. */
 OV_ERR_T OV_AgentFileLogCtor(const char *Path);
 
+/* Starts the rotating back end on Path (as above), which writes through orvaneLogFile.h: 50 MiB a
+ * file and 4 older ones, unless set otherwise. Returns 0 or -EOVERFLOW. Traps: with a path that
+ * cannot be opened the result is 0, and the first line waits for ever; without a free handle the
+ * process ends. */
+OV_ERR_T OV_AgentMavoLogCtor(const char *Path);
+
+/* Size in bytes of the rotating back end's file, and how many older ones are kept (1 or more). Once
+ * it is stopped -EINVAL; before its first start they reach the handle with id 0. */
+OV_ERR_T OV_AgentLogFileSetMaxSize(uint32_t MaxFileSize);
+OV_ERR_T OV_AgentLogFileSetNum(uint32_t FileNum);
+
 /* Installs the caller's functions as the back end; both may be called from any thread. Returns 0.
  */
 OV_ERR_T OV_AgentCustomLogCtor(OV_AGENT_LOG_FUNC Log, OV_AGENT_LOG_VALIST_FUNC LogValist);
 
-/* Stops the back end (the file back end closes its file). The operations stay installed: a write
- * to the file back end is skipped, unless OV_AgentLogFileCheck finds the file gone meanwhile. */
+/* Stops the back end (those with a file close it). The operations stay installed: a write to the
+ * file back end is skipped, unless OV_AgentLogFileCheck finds the file gone meanwhile; one to the
+ * rotating back end goes to standard output. */
 void OV_AgentLogDtor(void);
 
 /* To be called now and then, from any thread: restarts rsyslog when /var/log/messages is gone,
  * and has the next write create the agent log's file when that is gone (or could never be opened
- * and is not there). Until then lines go to the file that was deleted. */
+ * and is not there). Until then lines go to the file that was deleted; those of the rotating back
+ * end, which does not listen, until its next rotation. */
 void OV_AgentLogFileCheck(void);
 
 /* Write one line at their level (OV_DumpInfo: info) as it stands: the caller's format carries

@@ -2,6 +2,7 @@
  * does not come back after its file vanished, a crash without a back end. */
 #include "linuxRtc.h"
 #include "orvaneLibrtcLog.h"
+#include "orvaneLogFile.h"
 #include "testSupport.h"
 
 #include <atomic>
@@ -159,6 +160,44 @@ TEST_F(AgentLog, TheCheckRestartsAMissingSystemLog)
                   "/var/log/messages not exist, but failed to restart rsyslog server(ret = -1)."));
 }
 
+/* The rotating back end: its lines, its settings, and where lines go once it has stopped. */
+TEST_F(AgentLog, TheRotatingBackEndWritesThroughALogFile)
+{
+    char Descriptors[4096];
+    const size_t Before = OpenDescriptors();
+    const int32_t Other = OV_LogFileInit("/tmp/other", 10); /* ours is not the first handle */
+
+    EXPECT_EQ(OV_AgentMavoLogCtor(std::string(128, 'x').c_str()), -EOVERFLOW);
+    ASSERT_EQ(OV_AgentMavoLogCtor(LOG_PATH), 0);
+    OV_AgentLogOps()->FileLog.IsNeedReCreate = TRUE; /* means nothing to it */
+    OV_LOG_WARN("%d", 1);
+    OV_COMMDebug("[as it stands]\n");
+    const STRINGS Written = Lines(ReadFile(LOG_PATH));
+    ASSERT_EQ(Written.size(), 4U);
+    EXPECT_TRUE(Matches(Written[0], TIME + "log start\\.\\.\\."));
+    EXPECT_TRUE(Matches(Written[2], TIME + R"(\[WARN\]\[TestBody-\d+\]1)")) << Written[2];
+    EXPECT_TRUE(Matches(Written[3], TIME + R"(\[as it stands\])")) << Written[3];
+
+    EXPECT_EQ(OV_AgentLogFileSetMaxSize(1), 0);
+    EXPECT_EQ(OV_AgentLogFileSetNum(1), 0);
+    OV_LOG_INFO("rotated");
+    OV_LOG_INFO("kept");
+    EXPECT_TRUE(Contains(ReadFile(LOG_PATH + std::string(".0")), "]kept\n"));
+    EXPECT_EQ(access((LOG_PATH + std::string(".1")).c_str(), F_OK), -1);
+    ASSERT_GT(OV_RTCExecCmd("ls -l /proc/self/fd", Descriptors, sizeof(Descriptors)), 0);
+    EXPECT_FALSE(Contains(Descriptors, LOG_PATH)) << Descriptors;
+
+    OV_AgentLogDtor();
+    OV_LogFileRelease(static_cast<uint32_t>(Other));
+    EXPECT_EQ(OpenDescriptors(), Before);
+    EXPECT_EQ(OV_AgentLogOps()->FileLog.HandlerId, -1);
+    EXPECT_EQ(OV_AgentLogFileSetMaxSize(1), -EINVAL);
+    EXPECT_EQ(OV_AgentLogFileSetNum(1), -EINVAL);
+    testing::internal::CaptureStdout();
+    OV_LOG_INFO("after the stop");
+    EXPECT_TRUE(Contains(testing::internal::GetCapturedStdout(), "]after the stop\n"));
+}
+
 TEST_F(AgentLog, ChildrenDoNotInheritTheFile)
 {
     char Descriptors[4096];
@@ -214,12 +253,16 @@ TEST_F(AgentLog, NoLineIsLostSplitOrDoubledBetweenThreads)
     constexpr int MOVES = 10;
     std::vector<std::thread> Threads;
     std::atomic<int> Written{0};
+    std::atomic<int> Moved{0};
 
     ASSERT_EQ(OV_AgentFileLogCtor(LOG_PATH), 0);
     Threads.reserve(THREADS);
     for (int Thread = 0; Thread < THREADS; Thread++) {
-        Threads.emplace_back([Thread, &Written] {
+        Threads.emplace_back([Thread, &Written, &Moved] {
             for (int Line = 0; Line < LINES_EACH; Line++) {
+                if (Line % (LINES_EACH / MOVES) == 0) { /* never past a mover that has no turn */
+                    WaitUntil([&] { return Moved >= Line * MOVES / LINES_EACH - 1; });
+                }
                 OV_LOG_INFO("%d:%d:%s", Thread, Line,
                             std::string(static_cast<size_t>(Line % 300), 'x').c_str());
                 Written++;
@@ -234,6 +277,7 @@ TEST_F(AgentLog, NoLineIsLostSplitOrDoubledBetweenThreads)
             rename(LOG_PATH, Files.back().c_str());
         }
         OV_AgentLogFileCheck();
+        Moved++;
     }
     for (std::thread &Thread : Threads) {
         Thread.join();
