@@ -9,6 +9,7 @@
 #ifndef ORVANE_SCOPE_H
 #define ORVANE_SCOPE_H
 
+#include "orvaneFlexMsg.h"
 #include "orvanePlatformMutex.h"
 
 #include <memory>
@@ -50,6 +51,27 @@ class MUTEX_SCOPE {
     OV_MUTEX_T &Held;
 };
 
+/* A lock held by many that use something, or by the one that changes it. Readers nest. */
+template <int (*LOCK)(pthread_rwlock_t *)>
+class RWLOCK_SCOPE {
+  public:
+    explicit RWLOCK_SCOPE(pthread_rwlock_t &Lock) : Held(Lock)
+    {
+        LOCK(&Held);
+    }
+    ~RWLOCK_SCOPE()
+    {
+        pthread_rwlock_unlock(&Held);
+    }
+    RWLOCK_SCOPE(const RWLOCK_SCOPE &) = delete;
+    RWLOCK_SCOPE &operator=(const RWLOCK_SCOPE &) = delete;
+
+  private:
+    pthread_rwlock_t &Held;
+};
+using READ_SCOPE = RWLOCK_SCOPE<pthread_rwlock_rdlock>;
+using WRITE_SCOPE = RWLOCK_SCOPE<pthread_rwlock_wrlock>;
+
 struct STREAM_CLOSE {
     void operator()(FILE *Stream) const
     {
@@ -57,6 +79,14 @@ struct STREAM_CLOSE {
     }
 };
 using STREAM_SCOPE = std::unique_ptr<FILE, STREAM_CLOSE>;
+
+struct FLEX_MSG_FREE {
+    void operator()(OV_FLEXIBLE_MSG *Msg) const
+    {
+        OV_FlexMsgFree(Msg);
+    }
+};
+using FLEX_MSG_SCOPE = std::unique_ptr<OV_FLEXIBLE_MSG, FLEX_MSG_FREE>;
 
 class DESCRIPTOR_SCOPE {
   public:
