@@ -1,0 +1,522 @@
+/* The flexible message and the client of the configuration service: a write past a buffer, bytes on
+ * the wire that differ, a reply taken for another's, a service that misbehaves and is believed, a
+ * stop that hangs or leaks. The service is a thread of this process; send and recv are ours. */
+#include "loopbackServer.h"
+#include "orvaneImcConfClient.h"
+#include "orvaneMem.h"
+#include "testSupport.h"
+
+#include <atomic>
+#include <errno.h>
+#include <filesystem>
+#include <mutex>
+#include <sys/resource.h>
+#include <wchar.h>
+
+static const std::string NO_ROOM = "3 _OV_ImcConfClientThread realloc memory failed\n";
+
+/* What this thread's next sends and receives move at most, or the error they fail with. */
+static thread_local std::vector<ssize_t> Portions;
+static thread_local int Sends;
+
+static ssize_t Portion(size_t Size)
+{
+    if (Portions.empty()) {
+        return static_cast<ssize_t>(Size);
+    }
+    const ssize_t First = Portions.front();
+    Portions.erase(Portions.begin());
+    errno = static_cast<int>(-std::min<ssize_t>(First, 0));
+    return std::clamp<ssize_t>(First, -1, static_cast<ssize_t>(Size));
+}
+
+extern "C" ssize_t send(int Socket, const void *Data, size_t Size, int Flags)
+{
+    const ssize_t Part = Portion(Size);
+
+    Sends++;
+    return Part <= 0 ? Part : sendto(Socket, Data, static_cast<size_t>(Part), Flags, nullptr, 0);
+}
+
+extern "C" ssize_t recv(int Socket, void *Data, size_t Size, int Flags)
+{
+    const ssize_t Part = Portion(Size);
+    const size_t Count = static_cast<size_t>(Part);
+
+    return Part <= 0 ? Part : recvfrom(Socket, Data, Count, Flags, nullptr, nullptr);
+}
+
+/* "PRIORITY text" of each line since the last call. */
+static std::string Log()
+{
+    std::string Whole;
+
+    for (const std::string &Line : TakeSystemLog()) {
+        Whole += Line;
+    }
+    return Whole;
+}
+
+/* How many blocks are charged to the module; -1 when it is not registered. */
+static int Blocks()
+{
+    for (int32_t ModId = 0; ModId < OV_MEM_MODULE_COUNT; ModId++) {
+        OV_USEAGE_INFO Info = {};
+        OV_MemGetUsage(ModId, &Info);
+        if (std::string(Info.Name) == "FlexMsg") {
+            return Info.VmemCounter + Info.MemCounter;
+        }
+    }
+    return -1;
+}
+
+class FlexMsg : public testing::Test {
+  protected:
+    FlexMsg()
+    {
+        OV_FlexMsgInit();
+        Msg = OV_FlexMsgAlloc();
+        Log();
+    }
+    ~FlexMsg() override
+    {
+        OV_FlexMsgFree(Msg);
+        EXPECT_EQ(Blocks(), 0);
+        OV_FlexMsgRelease();
+        Log();
+    }
+    std::string Text() const
+    {
+        return {Msg->FlexBuf, Msg->Pos};
+    }
+    OV_FLEXIBLE_MSG *Msg;
+};
+
+TEST_F(FlexMsg, BytesGrowItToExactlyWhatTheyNeed)
+{
+    const std::string Bytes(5000, 'x');
+    EXPECT_TRUE(Msg->Size == 4096 && Msg->Pos == 0 && Msg->List.next == &Msg->List);
+    EXPECT_EQ(std::string(Msg->FlexBuf, 4096), std::string(4096, '\0')) << "heap on the wire";
+    for (const auto &[Count, Size] : {std::pair(4096, 4096U), {904, 5000U}, {0, 5000U}}) {
+        EXPECT_EQ(OV_FlexMsgSafeSetData(Msg, Bytes.data(), static_cast<size_t>(Count)), 0);
+        EXPECT_EQ(Msg->Size, Size);
+    }
+    EXPECT_EQ(OV_FlexMsgSafeSetData(Msg, nullptr, 0), 0);
+    EXPECT_EQ(Text(), Bytes);
+    EXPECT_EQ(Log(), "");
+
+    OV_FLEXIBLE_MSG Previous = *Msg;
+    const void *Fresh = OV_FlexMsgAllocData(Msg);
+    EXPECT_TRUE(Fresh == Msg->FlexBuf && Fresh != Previous.FlexBuf);
+    EXPECT_TRUE(Msg->Size == 4096 && Msg->Pos == 0);
+    EXPECT_EQ(OV_FlexMsgReallocData(&Previous, 0), nullptr); /* is still there to be freed */
+}
+
+TEST_F(FlexMsg, TextDoublesItAndItsNulMustFit)
+{
+    static const std::string TO_8192 = "7 realloc maxSize: 8192, pos : ";
+    static const struct {
+        size_t Before, Count, Size;
+        std::string Log;
+    } ROWS[] = {{0, 4095, 4096, ""},
+                {0, 4096, 8192, TO_8192 + "0\n"},
+                {4096, 0, 8192, TO_8192 + "4096\n"},
+                {1, 9000, 16384, TO_8192 + "1\n7 realloc maxSize: 16384, pos : 1\n"}};
+    for (const auto &Row : ROWS) {
+        const std::string Start(Row.Before, 's');
+        const std::string Added(Row.Count, 'f');
+        OV_FlexMsgReallocData(Msg, 4096);
+        OV_FlexMsgResetDataLen(Msg);
+        OV_FlexMsgSafeSetData(Msg, Start.data(), Start.size());
+        EXPECT_EQ(OV_FlexMsgSetFormatData(Msg, "%s", Added.c_str()), 0);
+        EXPECT_EQ(Msg->Size, Row.Size);
+        EXPECT_EQ(Msg->Pos, Row.Before + Row.Count);
+        EXPECT_EQ(Msg->FlexBuf, Start + Added); /* up to the NUL */
+        EXPECT_EQ(Log(), Row.Log);
+    }
+    const size_t Pos = Msg->Pos;
+    EXPECT_EQ(OV_FlexMsgSetFormatData(Msg, "%lc", static_cast<wint_t>(0x20AC)), -ENOMEM)
+        << "not in this locale, however much room there is";
+    EXPECT_EQ(Msg->Pos, Pos);
+}
+
+TEST_F(FlexMsg, SizesThatNoBufferHasAreRefused)
+{
+    OV_FlexMsgSafeSetData(Msg, "abc", 3);
+    for (const size_t Size : {SIZE_MAX, SIZE_MAX - 2, SIZE_MAX - 3, size_t{UINT32_MAX}}) {
+        EXPECT_FALSE(OV_FlexMsgDataMaybePull(Msg, Size)) << Size;
+        EXPECT_EQ(OV_FlexMsgSafeSetData(Msg, "", Size), -ENOMEM) << Size;
+        EXPECT_EQ(Log(), NO_ROOM + NO_ROOM);
+    }
+    EXPECT_TRUE(Msg->Size == 4096 && Text() == "abc");
+}
+
+/* Also writes of headers into buffers too small for one; the sanitizer looks for what is missed. */
+TEST_F(FlexMsg, APositionPastTheBufferIsMadeRoomForFirst)
+{
+    for (const auto &[Size, Pos] : {std::pair(0U, 0U), {0, 40}, {1, 0}, {8, 40}, {40, 40}}) {
+        const std::string Gap(Pos - std::min(Pos, Size), '\0');
+        const auto Prepare = [&, NewSize = Size, NewPos = Pos] {
+            EXPECT_EQ(OV_FlexMsgReallocData(Msg, NewSize) == nullptr, NewSize == 0);
+            EXPECT_TRUE(Msg->Size == NewSize && (Msg->FlexBuf == nullptr) == (NewSize == 0));
+            OV_FlexMsgSetDataLen(Msg, NewPos);
+        };
+        Prepare();
+        EXPECT_EQ(OV_FlexMsgSetFormatData(Msg, "%s", "text"), 0);
+        EXPECT_EQ(Text().substr(Pos - Gap.size()), Gap + "text");
+        Prepare();
+        EXPECT_EQ(OV_FlexMsgSafeSetData(Msg, "data", 4), 0);
+        EXPECT_EQ(Text().substr(Pos - Gap.size()), Gap + "data");
+        Prepare();
+        EXPECT_EQ(OV_ImcSafeSetReplyPayload(Msg, "p", 1), 0);
+        Prepare();
+        OV_ImcRequstInitHdr(Msg, 1, 2);
+        EXPECT_EQ(Text().substr(8), std::string(8, '\0'));
+    }
+    OV_FlexMsgSetDataLen(Msg, SIZE_MAX);
+    EXPECT_EQ(OV_ImcSendAll(-1, Msg), -EINVAL) << "what follows the buffer is not ours to send";
+    EXPECT_EQ(OV_FlexMsgSetFormatData(Msg, "x"), -ENOMEM);
+    OV_FlexMsgResetDataLen(Msg);
+}
+
+TEST(FlexMsgModule, LivesFromTheFirstStartToTheLastStop)
+{
+    OV_FlexMsgRelease(); /* one too many */
+    EXPECT_EQ(OV_FlexMsgInit(), 0);
+    EXPECT_EQ(OV_FlexMsgInit(), 0);
+    OV_FlexMsgRelease();
+    EXPECT_EQ(Blocks(), 0);
+    OV_FlexMsgRelease();
+    EXPECT_EQ(Blocks(), -1);
+    EXPECT_EQ(OV_FlexMsgAlloc(), nullptr);
+    EXPECT_EQ(Log(), "3 _OV_ImcConfClientThread alloc memory failed\n");
+
+    std::vector<int32_t> Others;
+    for (int32_t ModId = 0; ModId >= 0; Others.push_back(ModId)) {
+        const std::string Name = "other" + std::to_string(Others.size());
+        ModId = OV_MemModRegister(Name.c_str(), Name.size());
+    }
+    EXPECT_EQ(OV_ImcConfClientInit(), -ENOMEM);
+    EXPECT_EQ(Log(), "3 Failed to register FlexMsg memory!\n3 Failed to OV_FlexMsgInit\n");
+    for (const int32_t ModId : Others) {
+        OV_MemModUnRegister(ModId);
+    }
+}
+
+static std::string Reply(OV_ERR_T RetCode, const std::string &Payload)
+{
+    return BytesOf(OV_IMC_REPLY_HDR{RetCode, {9, 9, 9, 9}, Payload.size()}) + Payload;
+}
+
+/* How the service answers from now on. */
+struct SERVICE {
+    std::string Answer; /* "echo": the request's payload */
+    bool Closes = false;
+    size_t Piece = SIZE_MAX; /* so many bytes in a send */
+};
+
+class Imc : public testing::Test {
+  protected:
+    Imc()
+    {
+        EXPECT_EQ(OV_ImcConfClientInit(), 0);
+        EXPECT_EQ(OV_ImcConfSet(1, 2, nullptr, 0), 0); /* the service is connected, too */
+        Log();
+    }
+    ~Imc() override
+    {
+        OV_ImcConfClientRelease();
+        EXPECT_EQ(Blocks(), -1);
+        EXPECT_FALSE(Contains(Log(), "memory leak"));
+    }
+    void Reconnect()
+    {
+        OV_ImcConfClientRelease();
+        ASSERT_EQ(OV_ImcConfClientInit(), 0);
+        ASSERT_EQ(OV_ImcConfSet(1, 2, nullptr, 0), 0);
+        Log();
+    }
+    void Serve(const SERVICE &New)
+    {
+        const std::lock_guard Guard(Lock);
+        Service = New;
+    }
+    std::string LastRequest()
+    {
+        const std::lock_guard Guard(Lock);
+        return Request;
+    }
+    SERVICE Note(const std::string &Bytes)
+    {
+        const std::lock_guard Guard(Lock);
+        Request = Bytes;
+        return Service;
+    }
+    void ServeConnection(int Socket)
+    {
+        for (;;) {
+            OV_IMC_REQ_HDR Header = {};
+            std::string Bytes = ReceiveBytes(Socket, sizeof(Header));
+            if (Bytes.size() < sizeof(Header)) {
+                return;
+            }
+            memcpy(&Header, Bytes.data(), sizeof(Header));
+            Bytes += ReceiveBytes(Socket, Header.PayloadBytes);
+            const SERVICE Now = Note(Bytes);
+            const bool Echoes = Now.Answer == "echo";
+            if (!SendBytes(Socket, Echoes ? Reply(0, Bytes.substr(16)) : Now.Answer, Now.Piece) ||
+                Now.Closes) {
+                return;
+            }
+        }
+    }
+
+    std::mutex Lock;
+    SERVICE Service = {"echo"}; /* under Lock */
+    std::string Request;        /* the last one, under Lock */
+    LOOPBACK_SERVER Server{55435, [this](int Socket) { ServeConnection(Socket); }};
+};
+
+TEST_F(Imc, RequestsAreTheseBytesInOneSend)
+{
+    using namespace std::string_literals;
+    const std::string Start = "\7\0\x34\x12\0\0\0\0"s;
+    const std::string Bare = Start + "\0\0\0\0\0\0\0\0"s;
+    const std::string Whole = Start + "\3\0\0\0\0\0\0\0abc"s;
+    const auto Sent = [&](OV_ERR_T Result) {
+        EXPECT_EQ(Result, 0);
+        EXPECT_EQ(std::exchange(Sends, 0), 1);
+        return LastRequest();
+    };
+    Sends = 0;
+    EXPECT_EQ(Sent(OV_ImcConfSet(7, 0x1234, nullptr, 0)), Bare);
+    EXPECT_EQ(Sent(OV_ImcConfSet(7, 0x1234, "abc", 3)), Whole);
+    EXPECT_EQ(Sent(OV_ImcConfGet(7, 0x1234, "abc", 3, nullptr, 0)), Whole);
+    EXPECT_EQ(Sent(OV_ImcConfGet(7, 0x1234, nullptr, 3, nullptr, 0)), Bare);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wconversion" /* what callers' compilers do in silence */
+    const volatile uint16_t OpType = 0x1234;
+    EXPECT_EQ(Sent(OV_ImcConfGetByFunc(7, OpType, nullptr, 3, nullptr, nullptr)),
+              "\7\0\x34\0\0\0\0\0\0\0\0\0\0\0\0\0"s);
+#pragma GCC diagnostic pop
+    EXPECT_EQ(Log(), "");
+}
+
+TEST_F(Imc, GetTellsWhatCameOfTheReply)
+{
+    static const struct {
+        OV_ERR_T RetCode;
+        std::string Payload;
+        size_t ReplyBytes;
+        OV_ERR_T Result;
+        std::string Reply, Log;
+    } ROWS[] = {
+        {0, "0123456789", 10, 0, "0123456789", ""},
+        {5, "0123", 10, 5, "0123......", ""},
+        {0, "0123456789", 4, -ENOBUFS, "0123......", "3 the 9(513) reply data is truncated.\n"},
+        {0, "", 4, -ENODATA, "..........", "3 the 9(513) request can't get reply data\n"},
+        {6, "0123456789", 0, 6, "..........", ""},
+        {-EPERM, "0123", 4, -EPERM, "..........", ""},
+    };
+    for (const auto &Row : ROWS) {
+        for (const size_t Piece : {size_t{1}, size_t{17}, SIZE_MAX}) {
+            std::string Buffer(10, '.');
+            Serve({Reply(Row.RetCode, Row.Payload), false, Piece});
+            EXPECT_EQ(OV_ImcConfGet(9, 513, nullptr, 0, Buffer.data(), Row.ReplyBytes), Row.Result);
+            EXPECT_EQ(Buffer, Row.Reply);
+            EXPECT_EQ(Log(), Row.Log);
+            EXPECT_EQ(OV_ImcConfGet(9, 513, nullptr, 0, nullptr, 10), Row.RetCode);
+            EXPECT_EQ(Log(), "");
+        }
+    }
+    EXPECT_EQ(OV_ImcConfSet(1, 2, nullptr, 0), -EPERM);
+    EXPECT_EQ(Log(), "3 Failed to OV_ImcConfigure in OV_ImcConfSet :Operation not permitted \n");
+    Serve({Reply(INT32_MIN, "not for a handler")}); /* a code without a positive */
+    const OV_IMC_REPLY_HANDLER Never = [](const void *, size_t, void *) { return 1; };
+    EXPECT_EQ(OV_ImcConfGetByFunc(1, 2, nullptr, 0, Never, nullptr), INT32_MIN);
+    EXPECT_EQ(Log(), "3 Failed to OV_ImcConfigure in OV_ImcConfGetByFunc :"
+                     "Unknown error -2147483648 \n");
+}
+
+/* It may exchange by itself, and sees replies that outgrow a message, and empty ones. */
+TEST_F(Imc, AHandlerParsesTheReply)
+{
+    for (const size_t Size : {0, 3, 4080, 4081, 100000}) {
+        const std::string Payload(Size, 'p');
+        std::string Got = "none";
+        const OV_IMC_REPLY_HANDLER Take = [](const void *Bytes, size_t Count, void *Args) {
+            static_cast<std::string *>(Args)->assign(static_cast<const char *>(Bytes), Count);
+            return OV_ImcConfSet(1, 2, nullptr, 0) - 5;
+        };
+        EXPECT_EQ(OV_ImcConfGetByFunc(1, 2, Payload.data(), Size, Take, &Got), -5);
+        EXPECT_EQ(Got, Payload);
+    }
+}
+
+/* Many of these go on with a good reply, which the next exchange must not find. */
+TEST_F(Imc, AReplyThatFailsEndsTheConnection)
+{
+    const std::string Good = Reply(0, "good");
+    const std::string CutOff = "failed : -121\n";
+    const auto Claims = [&](uint64_t PayloadBytes) {
+        return BytesOf(OV_IMC_REPLY_HDR{0, {}, PayloadBytes}) + Good;
+    };
+    const struct {
+        SERVICE Service;
+        OV_ERR_T Result;
+        std::string Log;
+    } ROWS[] = {
+        {{"", true}, -EREMOTEIO, "3 Imc recv hdr " + CutOff},
+        {{Good.substr(0, 15), true}, -EREMOTEIO, "3 Imc recv hdr " + CutOff},
+        {{Good.substr(0, 19), true}, -EREMOTEIO, "3 Imc recv payload " + CutOff},
+        {{Claims(1U << 30), true}, -EREMOTEIO, "3 Imc recv payload " + CutOff},
+        {{Claims(UINT32_MAX)}, -ENOMEM, NO_ROOM + "3 Imc recv payload failed : -12\n"},
+        {{Claims(UINT64_MAX)}, -ENOMEM, NO_ROOM + "3 Imc recv payload failed : -12\n"},
+        {{Claims(UINT64_MAX - 15)}, -ENOMEM, NO_ROOM + "3 Imc recv payload failed : -12\n"},
+    };
+    struct rusage Before, After;
+    getrusage(RUSAGE_SELF, &Before);
+    for (const auto &Row : ROWS) {
+        char Buffer[20];
+        Serve(Row.Service);
+        EXPECT_EQ(OV_ImcConfGet(1, 2, nullptr, 0, Buffer, sizeof(Buffer)), Row.Result);
+        EXPECT_EQ(Log(), Row.Log);
+        Serve({"echo"});
+        EXPECT_EQ(OV_ImcConfSet(1, 2, "good", 4), -EPIPE) << "and no signal";
+        EXPECT_EQ(Log(), "3 OV_ImcSendAll failed : Broken pipe -32\n"
+                         "3 Failed to OV_ImcConfigure in OV_ImcConfSet :Broken pipe \n");
+        Reconnect();
+    }
+    getrusage(RUSAGE_SELF, &After);
+    EXPECT_LT(After.ru_maxrss - Before.ru_maxrss, 200 << 10) << "kB: pages of what never came";
+
+    Server.Disconnect(); /* between two exchanges */
+    EXPECT_LT(OV_ImcConfSet(1, 2, nullptr, 0), 0);
+    EXPECT_EQ(OV_ImcConfSet(1, 2, nullptr, 0), -EPIPE);
+}
+
+TEST_F(Imc, PortionsAndInterruptions)
+{
+    static const std::string FAILED = "3 OV_ImcSendAll failed : ";
+    static const struct {
+        std::vector<ssize_t> Portions; /* of the send, then of the receives */
+        OV_ERR_T Result;
+        std::string Log;
+    } ROWS[] = {
+        {{1, 15, 3, 1, 15, 1, 2}, 0, ""},
+        {{7, -EAGAIN, -EINTR, 12, 1, -EAGAIN, -EINTR},
+         0,
+         FAILED + "Resource temporarily unavailable -11\n" + FAILED +
+             "Interrupted system call -4\n"},
+        {{7, 0}, -EREMOTEIO, ""},
+        {{7, -ENOBUFS}, -ENOBUFS, FAILED + "No buffer space available -105\n"},
+        {{19, -ETIMEDOUT}, -ETIMEDOUT, "3 Imc recv hdr failed : -110\n"},
+    };
+    for (const auto &Row : ROWS) {
+        char Buffer[3];
+        Portions = Row.Portions;
+        EXPECT_EQ(OV_ImcConfGet(1, 2, "abc", 3, Buffer, 3), Row.Result);
+        EXPECT_TRUE(Portions.empty());
+        EXPECT_EQ(Log(), Row.Log);
+        Reconnect();
+    }
+}
+
+TEST_F(Imc, StartsAndStopsOutOfTurn)
+{
+    OV_FLEXIBLE_MSG Short = {};
+    EXPECT_EQ(OV_ImcConfigure(&Short), -EINVAL) << "would wait for a reply to nothing";
+    EXPECT_EQ(OV_ImcConfClientInit(), -EALREADY);
+    EXPECT_EQ(OV_ImcConfSet(1, 2, nullptr, 0), 0);
+    EXPECT_EQ(Server.Connections(), 1U);
+    OV_ImcConfClientRelease();
+    OV_ImcConfClientRelease();
+    EXPECT_EQ(OV_ImcConfSet(1, 2, nullptr, 0), -ENOMEM);
+    EXPECT_EQ(Log(), "3 _OV_ImcConfClientThread alloc memory failed\n"
+                     "3 Failed to OV_FlexMsgAlloc in OV_ImcConfSet\n");
+    OV_FlexMsgInit(); /* by another user */
+    EXPECT_EQ(OV_ImcConfGet(1, 2, nullptr, 0, nullptr, 0), -EBADF);
+    EXPECT_EQ(Log(), "3 OV_ImcSendAll failed : Bad file descriptor -9\n");
+    OV_ImcConfClientRelease();
+    EXPECT_EQ(Blocks(), 0) << "the other user's";
+    OV_FlexMsgRelease();
+}
+
+TEST(ImcStart, ARefusedOneSaysSoAndLeavesNothing)
+{
+    const size_t Descriptors = OpenDescriptors();
+    EXPECT_EQ(OV_ImcConfClientInit(), -ECONNREFUSED);
+    EXPECT_EQ(Log(), "7 _OV_ImcConfConnect connnect to 0x7f000001:55435\n"
+                     "7 OV_ImcConnect connect 0x7f000001:55435\n"
+                     "3 OV_Connect failed : Connection refused\n"
+                     "3 Failed to _OV_ImcConfConnect, ret = -111\n");
+    EXPECT_EQ(OpenDescriptors(), Descriptors);
+    EXPECT_EQ(Blocks(), -1);
+}
+
+/* A cancelled thread is among them: an exchange that ends in its middle mixes up all others. */
+TEST_F(Imc, FourThreadsGetTheirOwnReplies)
+{
+    std::vector<std::thread> Threads;
+    std::atomic<int> Wrong = 0;
+    pthread_t Cancelled;
+    void *Result = nullptr;
+    const auto ExchangeCancelled = [](void *) -> void * {
+        pthread_cancel(pthread_self());
+        OV_ImcConfSet(1, 2, "cancelled", 9);
+        pthread_testcancel();
+        return nullptr;
+    };
+    for (int Thread = 0; Thread < 4; Thread++) {
+        Threads.emplace_back([&, Thread] {
+            for (int Count = 0; Count < 500; Count++) {
+                const int Sent[] = {Thread, Count};
+                int Got[2] = {};
+                Wrong += OV_ImcConfGet(1, 2, Sent, sizeof(Sent), Got, sizeof(Got)) != 0 ||
+                         Got[0] != Thread || Got[1] != Count;
+            }
+        });
+    }
+    ASSERT_EQ(pthread_create(&Cancelled, nullptr, ExchangeCancelled, nullptr), 0);
+    EXPECT_EQ(pthread_join(Cancelled, &Result), 0);
+    EXPECT_EQ(Result, PTHREAD_CANCELED);
+    for (std::thread &Thread : Threads) {
+        Thread.join();
+    }
+    EXPECT_EQ(Wrong, 0);
+    EXPECT_EQ(Blocks(), 0);
+}
+
+/* One waits for a silent service, the others for their turn, when the stop comes. */
+TEST_F(Imc, AStopEndsExchangesThatHang)
+{
+    std::vector<std::thread> Threads;
+    std::atomic<int> Failed = 0;
+
+    Serve({""});
+    for (int Thread = 0; Thread < 3; Thread++) {
+        Threads.emplace_back([&] { Failed += OV_ImcConfSet(1, 2, "hangs", 5) < 0; });
+    }
+    EXPECT_TRUE(WaitUntil([&] { return Blocks() == 6 && LastRequest().size() == 21; }));
+    OV_ImcConfClientRelease();
+    EXPECT_EQ(Blocks(), -1);
+    for (std::thread &Thread : Threads) {
+        Thread.join();
+    }
+    EXPECT_EQ(Failed, 3);
+}
+
+TEST_F(Imc, AThousandStartsLeaveNothing)
+{
+    const auto Counts = [] {
+        const std::filesystem::directory_iterator Tasks("/proc/self/task");
+        return std::pair(OpenDescriptors(), std::distance(Tasks, {}));
+    };
+    const auto Before = Counts();
+    for (int Start = 0; Start < 1000; Start++) {
+        OV_ImcConfClientRelease();
+        ASSERT_EQ(Blocks(), -1);
+        Reconnect();
+    }
+    EXPECT_TRUE(WaitUntil([&] { return Counts() == Before; }));
+}
