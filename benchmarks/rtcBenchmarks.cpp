@@ -242,7 +242,7 @@ static void BenchImc()
         abort();
     }
     std::thread Service(ServeImc, Listening);
-    for (const size_t Bytes : {64, 640, 6400}) {
+    for (const size_t Bytes : {64U, 640U, 6400U}) {
         const std::string Name =
             "an IMC exchange of " + std::to_string(Bytes) + " bytes / a socket";
         std::vector<char> Request(sizeof(OV_IMC_REQ_HDR) + Bytes);

@@ -1,6 +1,7 @@
 /* The flexible message and the client of the configuration service: a write past a buffer, bytes on
  * the wire that differ, a reply taken for another's, a service that misbehaves and is believed, a
  * stop that hangs or leaks. The service is a thread of this process; send and recv are ours. */
+#undef _FORTIFY_SOURCE /* its recv is inline, and ours would be a second one */
 #include "loopbackServer.h"
 #include "orvaneImcConfClient.h"
 #include "orvaneMem.h"
@@ -352,18 +353,21 @@ TEST_F(Imc, WhatAGetMakesOfTheReply)
         EXPECT_EQ(Log(), Row.Log);
         EXPECT_TRUE(Portions.empty());
         Serve({"echo"});
-        EXPECT_EQ(OV_ImcConfSet(1, 2, "x", 1), Row.Breaks ? -EPIPE : 0) << "and no signal";
-        EXPECT_EQ(Log(), Row.Breaks ? SEND + "Broken pipe -32\n3 Failed to OV_ImcConfigure in "
-                                             "OV_ImcConfSet :Broken pipe \n"
-                                    : "");
+        const OV_ERR_T Later = OV_ImcConfSet(1, 2, "x", 1);
+        const std::string Text = strerror(-Later);
+        EXPECT_TRUE(Row.Breaks ? Later == -EPIPE || Later == -ECONNRESET : Later == 0) << Text;
+        EXPECT_EQ(Log(), !Row.Breaks ? ""
+                                     : SEND + Text + " " + std::to_string(Later) +
+                                           "\n3 Failed to OV_ImcConfigure in OV_ImcConfSet :" +
+                                           Text + " \n");
         Reconnect();
     }
     getrusage(RUSAGE_SELF, &After);
     EXPECT_LT(After.ru_maxrss - Before.ru_maxrss, 200 << 10) << "kB: pages of what never came";
 
     Server.Disconnect(); /* between two exchanges */
+    EXPECT_LT(OV_ImcConfSet(1, 2, nullptr, 0), 0) << "and no signal";
     EXPECT_LT(OV_ImcConfSet(1, 2, nullptr, 0), 0);
-    EXPECT_EQ(OV_ImcConfSet(1, 2, nullptr, 0), -EPIPE);
 }
 
 /* It may exchange by itself, and sees replies that outgrow a message, and empty ones. */
@@ -374,7 +378,7 @@ TEST_F(Imc, AHandlerParsesTheReply)
         return OV_ImcConfSet(1, 2, nullptr, 0) - 5;
     };
     std::string Got;
-    for (const size_t Size : {3, 0, 4080, 4081, 100000}) {
+    for (const size_t Size : {3U, 0U, 4080U, 4081U, 100000U}) {
         const std::string Payload(Size, 'p');
         EXPECT_EQ(OV_ImcConfGetByFunc(1, 2, Payload.data(), Size, Take, &Got), -5);
         EXPECT_EQ(Got, Payload);
