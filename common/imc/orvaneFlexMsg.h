@@ -4,13 +4,12 @@
  *   FlexBuf | bytes in use | free space |
  *           0              Pos          Size
  *
- * Pos is where the next byte goes. A caller may set it past Size (or shrink Size below it): nothing
- * is written there, the next append makes the room, and what lies between is then zero. A fresh
- * buffer is all zero; bytes gained by growing are not.
+ * A caller may set Pos past Size, or shrink Size below it: the next append first makes the room and
+ * zeroes what lies between. A fresh buffer is all zero; bytes gained by growing are not.
  *
- * Records and buffers are charged to the Vmem account of the module "FlexMsg", which the first
- * OV_FlexMsgInit registers and the last OV_FlexMsgRelease unregisters; messages live in between. A
- * message belongs to one thread at a time. Failures are logged to the system log (error).
+ * Both records and buffers are charged to the Vmem account of the module "FlexMsg", registered from
+ * the first OV_FlexMsgInit to the last OV_FlexMsgRelease; messages live in between. A message
+ * belongs to one thread at a time. Failures go to the system log (error).
  */
 #ifndef ORVANE_FLEX_MSG_H
 #define ORVANE_FLEX_MSG_H
