@@ -1,0 +1,242 @@
+#include "orvaneImcConfClient.h"
+
+#include "orvaneGateInternal.h"
+#include "orvaneScope.h"
+
+#include <memory>
+#include <netinet/in.h>
+#include <string.h>
+#include <syslog.h>
+
+static constexpr uint16_t SERVICE_PORT = 55435;
+
+/* Passed by each call that may use the connection, the lock or a message; open from a start that
+ * succeeded to the stop, which waits until nobody needs what it takes away. */
+static GATE sg_ImcConfGate(false);
+
+/* -1: none. Changed by start and stop alone, while nobody is inside the gate. */
+static OV_SOCKET sg_ImcConfSocket = -1;
+
+/* One exchange at a time. */
+static OV_MUTEX_T sg_ImcConfLock;
+
+struct FLEX_MSG_FREE {
+    void operator()(OV_FLEXIBLE_MSG *Msg) const
+    {
+        OV_FlexMsgFree(Msg);
+    }
+};
+using FLEX_MSG_SCOPE = std::unique_ptr<OV_FLEXIBLE_MSG, FLEX_MSG_FREE>;
+
+static OV_ERR_T _OV_ImcConfConnect()
+{
+    syslog(LOG_DEBUG, "_OV_ImcConfConnect connnect to 0x%x:%d\n", INADDR_LOOPBACK, SERVICE_PORT);
+    return OV_ImcConnect(INADDR_LOOPBACK, SERVICE_PORT, &sg_ImcConfSocket);
+}
+
+OV_ERR_T OV_ImcConfClientInit(void)
+{
+    const CANCEL_SCOPE Whole;
+    if (sg_ImcConfGate.IsOpen()) {
+        return -EALREADY;
+    }
+
+    OV_MutexInit(&sg_ImcConfLock);
+    OV_ERR_T Result = OV_FlexMsgInit();
+    if (Result < 0) {
+        syslog(LOG_ERR, "Failed to OV_FlexMsgInit\n");
+        return Result;
+    }
+    Result = _OV_ImcConfConnect();
+    if (Result < 0) {
+        syslog(LOG_ERR, "Failed to _OV_ImcConfConnect, ret = %d\n", Result);
+        OV_FlexMsgRelease();
+        return Result;
+    }
+    sg_ImcConfGate.SetOpen(true);
+    return 0;
+}
+
+void OV_ImcConfClientRelease(void)
+{
+    const CANCEL_SCOPE Whole;
+    if (!sg_ImcConfGate.IsOpen()) {
+        return;
+    }
+
+    sg_ImcConfGate.SetOpen(false);
+    shutdown(sg_ImcConfSocket, SHUT_RDWR); /* ends an exchange that waits for a silent service */
+    sg_ImcConfGate.WaitUntilEmpty();
+    OV_SocketClose(sg_ImcConfSocket);
+    sg_ImcConfSocket = -1;
+    OV_FlexMsgRelease();
+    OV_MutexDestroy(&sg_ImcConfLock);
+}
+
+static OV_ERR_T _SendAndReceive(OV_SOCKET Socket, OV_FLEXIBLE_MSG *Msg)
+{
+    OV_ERR_T Result = OV_ImcSendAll(Socket, Msg);
+    if (Result < 0) {
+        return Result;
+    }
+
+    OV_FlexMsgResetDataLen(Msg);
+    Result = OV_ImcRecvAll(Socket, Msg, sizeof(OV_IMC_REPLY_HDR));
+    if (Result < 0) {
+        syslog(LOG_ERR, "Imc recv hdr failed : %d\n", Result);
+        return Result;
+    }
+    const uint64_t PayloadBytes = OV_ImcReplyHdr(Msg)->PayloadBytes;
+    if (PayloadBytes == 0) {
+        return 0;
+    }
+    Result = OV_ImcRecvAll(Socket, Msg, PayloadBytes);
+    if (Result < 0) {
+        syslog(LOG_ERR, "Imc recv payload failed : %d\n", Result);
+    }
+    return Result;
+}
+
+/* Called inside the gate. */
+static OV_ERR_T _Configure(OV_FLEXIBLE_MSG *Msg)
+{
+    if (Msg->Pos < sizeof(OV_IMC_REQ_HDR) || Msg->Pos > Msg->Size) {
+        return -EINVAL;
+    }
+
+    const MUTEX_SCOPE Lock(sg_ImcConfLock);
+    const OV_ERR_T Result = _SendAndReceive(sg_ImcConfSocket, Msg);
+    if (Result < 0) {
+        /* The rest of this reply may still come; it must not be read as the next one. */
+        shutdown(sg_ImcConfSocket, SHUT_RDWR);
+        return Result;
+    }
+    return OV_ImcReplyHdr(Msg)->RetCode;
+}
+
+/* Outside the gate there is no connection; the code and the line are those of a send on none. */
+static OV_ERR_T _SendWithoutConnection()
+{
+    char Byte = 0;
+    const OV_FLEXIBLE_MSG Msg = {sizeof(Byte), {}, sizeof(Byte), &Byte};
+
+    return OV_ImcSendAll(-1, &Msg);
+}
+
+OV_ERR_T OV_ImcConfigure(OV_FLEXIBLE_MSG *Msg)
+{
+    const CANCEL_SCOPE Whole;
+    const GATE_SCOPE Passed(sg_ImcConfGate);
+
+    return Passed.IsIn() ? _Configure(Msg) : _SendWithoutConnection();
+}
+
+/* What the three calls below ask for. */
+struct IMC_CALL {
+    const char *Function; /* the caller, for the log */
+    uint8_t Mod;
+    uint16_t OpType;
+    const void *Data;
+    size_t DataBytes;
+    bool LogsFailure; /* of the exchange; a failed Get is its caller's to report */
+};
+
+/* The service's code may be any number, also the one that has no opposite. */
+static const char *_ErrorText(OV_ERR_T Result)
+{
+    return strerror(static_cast<int>(0U - static_cast<uint32_t>(Result)));
+}
+
+static void _LogFailure(const IMC_CALL &Call, const char *Step, OV_ERR_T Result)
+{
+    syslog(LOG_ERR, "Failed to %s in %s :%s \n", Step, Call.Function, _ErrorText(Result));
+}
+
+static OV_ERR_T _Configured(const IMC_CALL &Call, OV_ERR_T Result)
+{
+    if (Result < 0 && Call.LogsFailure) {
+        _LogFailure(Call, "OV_ImcConfigure", Result);
+    }
+    return Result;
+}
+
+static OV_ERR_T _Request(const IMC_CALL &Call, OV_FLEXIBLE_MSG *Msg)
+{
+    OV_ImcRequstInitHdr(Msg, Call.Mod, Call.OpType);
+    const OV_ERR_T Result = OV_ImcSafeSetRequestPayload(Msg, Call.Data, Call.DataBytes);
+    if (Result < 0) {
+        _LogFailure(Call, "OV_ImcSafeSetRequestPayload", Result);
+        return Result;
+    }
+
+    return _Configured(Call, _Configure(Msg));
+}
+
+/* Take(RetCode, Msg) gets the reply of a service that agreed; its result is the call's. */
+template <typename TAKE>
+static OV_ERR_T _Exchange(const IMC_CALL &Call, TAKE Take)
+{
+    const CANCEL_SCOPE Whole;
+    const GATE_SCOPE Passed(sg_ImcConfGate);
+    if (!Passed.IsIn()) {
+        return _Configured(Call, _SendWithoutConnection());
+    }
+    const FLEX_MSG_SCOPE Msg(OV_FlexMsgAlloc());
+    if (Msg == nullptr) {
+        syslog(LOG_ERR, "Failed to OV_FlexMsgAlloc in %s\n", Call.Function);
+        return -ENOMEM;
+    }
+
+    const OV_ERR_T Result = _Request(Call, Msg.get());
+    return Result < 0 ? Result : Take(Result, Msg.get());
+}
+
+OV_ERR_T OV_ImcConfSet(uint8_t Mod, uint16_t OpType, const void *Data, size_t DataBytes)
+{
+    return _Exchange({__func__, Mod, OpType, Data, DataBytes, true},
+                     [](OV_ERR_T RetCode, const OV_FLEXIBLE_MSG *) { return RetCode; });
+}
+
+static OV_ERR_T _CopyReply(const IMC_CALL &Call, const OV_FLEXIBLE_MSG *Msg, void *Reply,
+                           size_t ReplyBytes)
+{
+    const uint64_t PayloadBytes = OV_ImcReplyHdr(Msg)->PayloadBytes;
+
+    if (PayloadBytes == 0) {
+        syslog(LOG_ERR, "the %d(%d) request can't get reply data\n", Call.Mod, Call.OpType);
+        return -ENODATA;
+    }
+    if (PayloadBytes > ReplyBytes) {
+        memcpy(Reply, OV_ImcReplyPayload(Msg), ReplyBytes);
+        syslog(LOG_ERR, "the %d(%d) reply data is truncated.\n", Call.Mod, Call.OpType);
+        return -ENOBUFS;
+    }
+    memcpy(Reply, OV_ImcReplyPayload(Msg), PayloadBytes);
+    return OV_ImcReplyHdr(Msg)->RetCode;
+}
+
+OV_ERR_T OV_ImcConfGet(uint8_t Mod, uint16_t OpType, const void *Requset, size_t RequsetBytes,
+                       void *Reply, size_t ReplyBytes)
+{
+    const IMC_CALL Call = {__func__, Mod, OpType, Requset, Requset == nullptr ? 0 : RequsetBytes,
+                           false};
+
+    return _Exchange(Call, [&](OV_ERR_T RetCode, const OV_FLEXIBLE_MSG *Msg) {
+        return Reply == nullptr || ReplyBytes == 0 ? RetCode
+                                                   : _CopyReply(Call, Msg, Reply, ReplyBytes);
+    });
+}
+
+OV_ERR_T OV_ImcConfGetByFunc(uint8_t Mod, uint8_t OpType, const void *Requset, size_t RequsetBytes,
+                             OV_IMC_REPLY_HANDLER ReplyHandlerFunc, void *ReplyHandlerFuncArgs)
+{
+    const IMC_CALL Call = {__func__, Mod, OpType, Requset, Requset == nullptr ? 0 : RequsetBytes,
+                           true};
+
+    return _Exchange(Call, [&](OV_ERR_T RetCode, const OV_FLEXIBLE_MSG *Msg) {
+        return ReplyHandlerFunc == nullptr
+                   ? RetCode
+                   : ReplyHandlerFunc(OV_ImcReplyPayload(Msg), OV_ImcReplyHdr(Msg)->PayloadBytes,
+                                      ReplyHandlerFuncArgs);
+    });
+}
