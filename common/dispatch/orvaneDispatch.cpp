@@ -134,7 +134,7 @@ static bool _Resize(OV_DISPATCH_DESC *Desc, uint32_t NewSize)
 /* Doubles the capacity until it exceeds Needed. */
 static bool _GrowBeyond(OV_DISPATCH_DESC *Desc, uint64_t Needed)
 {
-    uint64_t Capacity = std::max(Desc->Size, DESC_SIZE_MIN);
+    uint64_t Capacity = Desc->Size == 0 ? DESC_SIZE_MIN : Desc->Size; /* nothing doubled stays so */
 
     while (Capacity <= Needed) {
         Capacity *= 2;
@@ -185,7 +185,7 @@ OV_ERR_T OV_DispatchPut(OV_DISPATCH_DESC *Desc, const void *Data, int32_t Size)
     }
     const uint64_t End = static_cast<uint64_t>(_End(Desc)) + static_cast<uint32_t>(Size);
     if (End >= Desc->Size) {
-        if (Desc->useVmemAlloc) {
+        if (Desc->useVmemAlloc) { /* the line number is part of the text */
             syslog(LOG_WARNING,
                    "[%s:%d] Use memory from pool, but the size is not enough, bufsize=%u, "
                    "needsize=%d.\n",

@@ -35,9 +35,11 @@ typedef struct _OV_DISPATCH_DESC {
     OV_LIST_HEAD List;         /* for who queues descriptors */
 } OV_DISPATCH_DESC;
 
-/* A descriptor with room for Size payload bytes (2048 at least, header included), or null. The
- * Vmem form is for large messages; its buffer is not zeroed. The header is not made: see
- * OV_DispatchInitHdr. The caller owns it until OV_DispatchFreeDesc, which ignores null. */
+/* A descriptor with a buffer of 2048 bytes, or of Size + 8 for a larger Size; or null. The header
+ * takes 8 of it and one byte stays spare. The Vmem form is for large messages; its buffer is not
+ * zeroed and does not grow, so ask for one byte more than the payload, and for 2049 from 2040 on.
+ * The header is not made: see OV_DispatchInitHdr. The caller owns it until OV_DispatchFreeDesc,
+ * which ignores null and does nothing once the client is stopped. */
 OV_DISPATCH_DESC *OV_DispatchAllocDesc(uint32_t Size);
 OV_DISPATCH_DESC *OV_DispatchVmemAllocDesc(uint32_t Size);
 void OV_DispatchFreeDesc(OV_DISPATCH_DESC *Desc);
@@ -53,12 +55,12 @@ void OV_DispatchInitHdr(OV_DISPATCH_DESC *Desc, uint8_t Module, uint16_t Type);
 OV_DISPATCH_HDR *OV_DispatchHeader(OV_DISPATCH_DESC *Desc);
 void *OV_DispatchPayload(OV_DISPATCH_DESC *Desc);
 
-/* The buffer's size, and the payload's, both in bytes. */
+/* The buffer's size (negative above 2 GiB), and the payload's, both in bytes. */
 int32_t OV_DispatchSize(OV_DISPATCH_DESC *Desc);
 int32_t OV_DispathUsedSize(OV_DISPATCH_DESC *Desc);
 
-/* Appends Size bytes. Returns 0, or -ENOMEM (also for a negative Size, and for a Vmem buffer that
- * would have to grow): the message is then as it was. */
+/* Appends Size bytes that lie outside the message. Returns 0, or -ENOMEM (also for a negative Size,
+ * and for a Vmem buffer that would have to grow): the message is then as it was. */
 OV_ERR_T OV_DispatchPut(OV_DISPATCH_DESC *Desc, const void *Data, int32_t Size);
 
 /* Appends a text, terminated in the buffer; the NUL does not count. Returns the characters
@@ -71,7 +73,8 @@ OV_LEN_ERR_T OV_DispatchPrintf(OV_DISPATCH_DESC *Desc, const char *Format, ...)
  * that was made or received here has one. */
 void OV_DispatchResetPayload(OV_DISPATCH_DESC *Desc);
 
-/* A reply's first 4 payload bytes. Setting drops the payload before; appending may follow. */
+/* A reply's first 4 payload bytes (of a shorter payload, what the buffer has there). Setting drops
+ * the payload before; appending may follow. */
 void OV_DispatchSetRetCode(OV_DISPATCH_DESC *Desc, int32_t RetCode);
 int32_t OV_DispatchGetRetCode(OV_DISPATCH_DESC *Desc);
 

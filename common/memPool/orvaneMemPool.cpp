@@ -155,7 +155,8 @@ static int32_t _Publish(OV_MEMPOOL *New, size_t NameSize, bool *Published)
 int32_t OV_MemPoolCreate(const char *Name, size_t NameSize, size_t BlockSize, uint32_t BlockNum,
                          OV_GFP_T GfpMask)
 {
-    _TableLock(); /* a refused creation, too, is the first use */
+    const CANCEL_SCOPE Whole; /* a published pool must reach who asked for it */
+    _TableLock();             /* a refused creation, too, is the first use */
     if (Name == nullptr || NameSize > OV_MEMPOOL_NAME_SIZE) {
         return -EINVAL;
     }
@@ -213,7 +214,7 @@ static void *_AllocFrom(int32_t Id, bool Zeroed)
         return nullptr;
     }
 
-    /* Counted first: an atomic step waits for the writes before it, and most come below. */
+    /* Counted before the block is written: an atomic step waits for all writes before it. */
     Pool->PerCpuPool->BlockNum++;
     const uint32_t Size = _OV_MemGuardedSize(Pool->BlockSize);
     void *Start = Zeroed || (Pool->GfpMask & OV_GFP_ZERO) != 0

@@ -31,14 +31,15 @@ typedef struct _MEMPOOL_INFO {
 } MEMPOOL_INFO;
 
 /* Makes a pool of blocks of BlockSize bytes; bit 0 of GfpMask: OV_MemPoolAlloc zeroes them. Name is
- * cut at 31 characters; NameSize (at most 32) bounds how much of it is compared. BlockNum means
- * nothing here. Returns the id, 0 to 31; of a pool of that name, unchanged, where there is one.
- * -EINVAL: no name, NameSize too large, or no free id; -ENOEXEC: no memory. */
+ * cut at 31 characters; NameSize (at most 32; its length, or one more) bounds how much of it is
+ * compared. BlockNum means nothing here. Returns the id, 0 to 31; of a pool of that name,
+ * unchanged, where there is one. -EINVAL: no name, NameSize too large, or no free id; -ENOEXEC: no
+ * memory. */
 int32_t OV_MemPoolCreate(const char *Name, size_t NameSize, size_t BlockSize, uint32_t BlockNum,
                          OV_GFP_T GfpMask);
 
-/* Id must be one that was given out: it is not checked. Blocks that are still out are lost: a free
- * that comes later does nothing. Waits for the readers of the moment. */
+/* Id must be one that was given out: it is not checked. Blocks that are still out are lost, and
+ * must not be freed once the id has gone to another pool. Waits for the readers of the moment. */
 void OV_MemPoolDestroy(int32_t Id);
 
 /* A block aligned to 8, or null: no such pool, or no memory. */

@@ -21,9 +21,9 @@ static constexpr uint32_t PRINTED_BIG_SIZE_LOG = 2;
 
 /* Each on a cache line of its own: modules allocate on different threads. */
 struct alignas(64) _OV_MEM_USEAGE {
-    OV_SPINLOCK_T Lock;          /* guards the four counters */
-    std::atomic<uint32_t> State; /* read without a lock */
-    char Name[OV_MEM_NAME_SIZE]; /* written only while the slot is not registered */
+    OV_SPINLOCK_T Lock;          /* guards all but State */
+    std::atomic<uint32_t> State; /* written under the lock, read without it as well */
+    char Name[OV_MEM_NAME_SIZE];
     int32_t MemCounter;
     int32_t MemUsage;
     int32_t VmemCounter;
@@ -36,15 +36,19 @@ static _OV_MEM_USEAGE g_TraceMem[OV_MEM_MODULE_COUNT];
 static OV_MUTEX_T g_MemMutex;
 static pthread_once_t sg_MutexInitialized = PTHREAD_ONCE_INIT;
 
-static void _InitMutex()
+/* The slots' locks, too: a report reads every slot, whoever registers meanwhile. */
+static void _InitLocks()
 {
     OV_MutexInit(&g_MemMutex);
+    for (_OV_MEM_USEAGE &Module : g_TraceMem) {
+        OV_SpinlockInit(&Module.Lock);
+    }
 }
 
 /* Made by whoever comes first; two modules may register at once. */
 static OV_MUTEX_T &_TableMutex()
 {
-    pthread_once(&sg_MutexInitialized, _InitMutex);
+    pthread_once(&sg_MutexInitialized, _InitLocks);
     return g_MemMutex;
 }
 
@@ -57,11 +61,11 @@ BOOL OV_MemIsModRegistered(int32_t ModId)
 static int32_t _RegisterIn(int32_t ModId, const char *ModName)
 {
     _OV_MEM_USEAGE &Module = g_TraceMem[ModId];
+    const SPINLOCK_SCOPE Lock(Module.Lock);
 
     OV_SafeStrCopy(Module.Name, sizeof(Module.Name), ModName);
-    OV_SpinlockInit(&Module.Lock);
-    /* Marked as warned from the start: modules that register hold big buffers by design, and their
-     * agents' system logs are to stay free of the warning. */
+    /* Marked as warned from the start, and meant so: no registered module is ever warned of a big
+     * block, and clearing the bit here would fill the system logs of agents that hold them. */
     Module.State.store(REGISTERED | PRINTED_BIG_SIZE_LOG, std::memory_order_release);
     return ModId;
 }
@@ -79,7 +83,7 @@ int32_t OV_MemModRegister(const char *ModName, size_t NameLen)
 
         if (!OV_MemIsModRegistered(ModId)) {
             Free = Free < 0 ? ModId : Free;
-        } else if (strlen(Name) == NameLen && memcmp(Name, ModName, NameLen) == 0) {
+        } else if (strlen(Name) == NameLen && strncmp(Name, ModName, NameLen) == 0) {
             return ModId;
         }
     }
@@ -103,10 +107,10 @@ void OV_MemModUnRegister(int32_t ModId)
                "VmemUsage %d).\n",
                Left.Name, Left.MemCounter, Left.MemUsage, Left.VmemCounter, Left.VmemUsage);
     }
-    Module.State.store(0, std::memory_order_release);
 
     /* The lock stays usable: whoever still counts in a module that goes must not spin for ever. */
     const SPINLOCK_SCOPE Counters(Module.Lock);
+    Module.State.store(0, std::memory_order_release);
     memset(Module.Name, 0, sizeof(Module.Name));
     Module.MemCounter = Module.MemUsage = 0;
     Module.VmemCounter = Module.VmemUsage = 0;
@@ -157,9 +161,8 @@ static void _OV_MemCheckBigSize(int32_t ModId, size_t Size)
 {
     _OV_MEM_USEAGE &Module = g_TraceMem[ModId];
 
-    if (Size > BIG_SIZE &&
-        (Module.State.load(std::memory_order_relaxed) & PRINTED_BIG_SIZE_LOG) == 0) {
-        Module.State.fetch_or(PRINTED_BIG_SIZE_LOG, std::memory_order_relaxed);
+    if (Size > BIG_SIZE && (Module.State.load() & PRINTED_BIG_SIZE_LOG) == 0 &&
+        (Module.State.fetch_or(PRINTED_BIG_SIZE_LOG) & PRINTED_BIG_SIZE_LOG) == 0) {
         syslog(LOG_WARNING, "MODULE[%s] attempt to malloc big size(%zd) memory.\n", Module.Name,
                static_cast<ssize_t>(Size));
     }
@@ -190,12 +193,12 @@ static void *_Alloc(int32_t ModId, const MEM_ACCOUNT &Account, size_t Size, bool
     if (Block == nullptr) {
         return nullptr;
     }
-    Account.Inc(ModId, Actual); /* ahead of the guards: a lock waits for the writes before it */
+    Account.Inc(ModId, Actual); /* first: a lock waits for all writes before it */
     return _OV_MemGuard(Block, Actual);
 }
 
-/* Kept out of the way of the blocks that are whole. The two arrows have always been written
- * differently; scripts match on them. */
+/* Kept out of the way of the blocks that are whole. The two arrows differ, and both stay: they are
+ * part of the texts. */
 static void __attribute__((cold, noinline))
 _ReportDamage(int32_t ModId, const char *Operation, void *Ptr, const MEM_GUARDS &Found)
 {
@@ -345,6 +348,9 @@ void OV_MemGetUsage(int32_t ModId, OV_USEAGE_INFO *Info)
     _OV_MEM_USEAGE &Module = g_TraceMem[ModId];
     const SPINLOCK_SCOPE Lock(Module.Lock);
 
+    if (Module.State.load() == 0) {
+        return; /* the module went meanwhile */
+    }
     OV_SafeStrCopy(Info->Name, sizeof(Info->Name), Module.Name);
     Info->MemCounter = Module.MemCounter;
     Info->MemUsage = Module.MemUsage;

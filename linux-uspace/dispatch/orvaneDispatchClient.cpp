@@ -21,6 +21,12 @@ static constexpr uint32_t NOTIFY_DESC_SIZE = 2048;
 #define DISPATCH_LOG(Priority, Format, ...) \
     syslog(Priority, "[%s:%d]" Format "\n", __func__, __LINE__, ##__VA_ARGS__)
 
+/* A connection in the making: a stop ends it, and lets none begin after it. */
+struct CONNECT_ATTEMPT {
+    OV_SOCKET Sock; /* -1: none is being made */
+    bool IsForbidden;
+};
+
 /* One run of the notification thread. The connection and the thread's record come first; all is
  * guarded by s_StateLock, but for Sock and Desc, which the thread itself reads without it. */
 struct _OV_DISPATCH_NOTIFY_ENTRY {
@@ -29,6 +35,7 @@ struct _OV_DISPATCH_NOTIFY_ENTRY {
     OV_DISPATCH_DESC *Desc; /* what the thread receives into */
     OV_SOCKET *Replaced;    /* connections that Sock was before: open until the thread ends */
     size_t ReplacedCount;
+    CONNECT_ATTEMPT Attempt;
     bool IsEnded;     /* the thread uses nothing of the module any more */
     bool IsAbandoned; /* stopped by its own handler: the thread frees this record */
 };
@@ -44,8 +51,9 @@ static OV_MUTEX_T s_PushLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
  * two above. */
 static OV_MUTEX_T s_StateLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 static pthread_cond_t s_ThreadEnded = PTHREAD_COND_INITIALIZER;
-static bool s_IsStarted;
-static OV_SOCKET g_DispatchConfigSock = -1;         /* written under g_ConfigMutexLock as well */
+static enum { STOPPED, STARTING, RUNNING, STOPPING } s_State;
+static OV_SOCKET g_DispatchConfigSock = -1; /* changed by who exchanges, or start and stop */
+static CONNECT_ATTEMPT s_ConfigAttempt = {-1, false};
 static _OV_DISPATCH_NOTIFY_ENTRY *g_DispatchNotify; /* null: no notification thread */
 
 /* Exchanges pass it: also before the first start, but not from a stop, or a start that failed, to
@@ -58,8 +66,40 @@ static std::atomic<OV_DISPATCH_FUNC> g_DispatchClientFunc[UINT8_MAX + 1];
 /* The run that the calling thread is, null on every other thread. */
 static thread_local _OV_DISPATCH_NOTIFY_ENTRY *s_OwnEntry;
 
-/* These three lines have borne their numbers for so long that people look for them. */
-static OV_ERR_T _OV_DispatchConnect(const char *IpAddr, uint16_t Port, OV_SOCKET *OutSock)
+/* Makes Sock the attempt that a stop can end, until the scope ends; Begun is false after a stop. */
+class ATTEMPT_SCOPE {
+  public:
+    ATTEMPT_SCOPE(CONNECT_ATTEMPT &Made, OV_SOCKET Sock) : Attempt(Made)
+    {
+        const MUTEX_SCOPE State(s_StateLock);
+
+        Begun = !Attempt.IsForbidden;
+        Attempt.Sock = Begun ? Sock : -1;
+    }
+    ~ATTEMPT_SCOPE()
+    {
+        const MUTEX_SCOPE State(s_StateLock);
+
+        Attempt.Sock = -1;
+    }
+    ATTEMPT_SCOPE(const ATTEMPT_SCOPE &) = delete;
+    ATTEMPT_SCOPE &operator=(const ATTEMPT_SCOPE &) = delete;
+
+    bool Begun;
+
+  private:
+    CONNECT_ATTEMPT &Attempt;
+};
+
+static void _EndAttempt(CONNECT_ATTEMPT *Attempt)
+{
+    Attempt->IsForbidden = true;
+    shutdown(Attempt->Sock, SHUT_RDWR); /* also wakes who waits for the connection to be made */
+}
+
+/* OutSock is written under s_StateLock. The numbers are part of the three texts. */
+static OV_ERR_T _OV_DispatchConnect(const char *IpAddr, uint16_t Port, CONNECT_ATTEMPT *Attempt,
+                                    OV_SOCKET *OutSock)
 {
     static constexpr const char *FUNCTION = "_OV_DispatchConnect";
     OV_SOCKET Sock = -1;
@@ -79,34 +119,32 @@ static OV_ERR_T _OV_DispatchConnect(const char *IpAddr, uint16_t Port, OV_SOCKET
     }
     Server.sin_family = AF_INET;
     Server.sin_port = htons(Port);
+    const ATTEMPT_SCOPE Making(*Attempt, Sock);
+    if (!Making.Begun) {
+        return -ESHUTDOWN;
+    }
     Error = OV_Connect(Sock, reinterpret_cast<struct sockaddr *>(&Server), sizeof(Server));
     if (Error < 0) {
         syslog(LOG_ERR, "[%s:%d]Fail to connect to server %s:%u! retcode=%d\n", FUNCTION, 105,
                IpAddr, static_cast<unsigned>(Port), Error);
         return Error;
     }
+    const MUTEX_SCOPE State(s_StateLock);
     *OutSock = Opened.Release();
+    if (Attempt->IsForbidden) {
+        shutdown(*OutSock, SHUT_RDWR); /* the stop came just as it was made */
+    }
     return 0;
 }
 
 /* Under g_ConfigMutexLock, but for the start's own. A connection that is open is kept. */
 static OV_ERR_T _ConnectConfig()
 {
-    OV_SOCKET Sock = -1;
-
     if (!OV_SocketIsErr(g_DispatchConfigSock)) {
         return 0;
     }
-    const OV_ERR_T Error = _OV_DispatchConnect(SERVER_ADDRESS, CONFIG_PORT, &Sock);
-    if (Error < 0) {
-        return Error;
-    }
-    const MUTEX_SCOPE State(s_StateLock);
-    g_DispatchConfigSock = Sock;
-    if (!s_ConfigGate.IsOpen()) {
-        shutdown(Sock, SHUT_RDWR); /* the stop has come meanwhile and found nothing to end */
-    }
-    return 0;
+    return _OV_DispatchConnect(SERVER_ADDRESS, CONFIG_PORT, &s_ConfigAttempt,
+                               &g_DispatchConfigSock);
 }
 
 static void _CloseConfig()
@@ -143,15 +181,11 @@ static void _KeepReplaced(_OV_DISPATCH_NOTIFY_ENTRY *Entry, OV_SOCKET Sock)
     Entry->Replaced[Entry->ReplacedCount++] = Sock;
 }
 
-/* A stop that has been asked for is not worth another connection. */
 static OV_ERR_T _ReconnectNotify(_OV_DISPATCH_NOTIFY_ENTRY *Entry)
 {
     OV_SOCKET Sock = -1;
 
-    if (_ShouldStop(Entry)) {
-        return -ESHUTDOWN;
-    }
-    const OV_ERR_T Error = _OV_DispatchConnect(SERVER_ADDRESS, NOTIFY_PORT, &Sock);
+    const OV_ERR_T Error = _OV_DispatchConnect(SERVER_ADDRESS, NOTIFY_PORT, &Entry->Attempt, &Sock);
     if (Error < 0) {
         return Error;
     }
@@ -199,6 +233,7 @@ static void _EndNotify(_OV_DISPATCH_NOTIFY_ENTRY *Entry)
 
 static void *_OV_DispatchNotifyClientThread(void *Arg)
 {
+    const CANCEL_SCOPE Whole; /* a stop waits for the end of this function */
     auto *Entry = static_cast<_OV_DISPATCH_NOTIFY_ENTRY *>(Arg);
 
     s_OwnEntry = Entry;
@@ -243,14 +278,50 @@ static OV_ERR_T _RunNotifyThread(_OV_DISPATCH_NOTIFY_ENTRY *Entry)
     return Error;
 }
 
+/* Whatever waits for the server wakes with an error, and nothing new begins to wait. */
+static void _EndWaits()
+{
+    s_ConfigGate.SetOpen(false);
+    {
+        const MUTEX_SCOPE State(s_StateLock);
+
+        shutdown(g_DispatchConfigSock, SHUT_RDWR);
+        _EndAttempt(&s_ConfigAttempt);
+        if (g_DispatchNotify != nullptr) {
+            shutdown(g_DispatchNotify->Sock, SHUT_RDWR);
+            _EndAttempt(&g_DispatchNotify->Attempt);
+            g_DispatchNotify->Thread.Tid = 0;
+            g_DispatchNotify->Thread.IsStop = TRUE;
+        }
+    }
+    s_ConfigGate.WaitUntilEmpty();
+}
+
+/* A start takes the state to STARTING, a stop from there or from RUNNING to STOPPING. */
+static bool _EnterState(bool IsStart)
+{
+    const MUTEX_SCOPE State(s_StateLock);
+
+    if (IsStart ? s_State != STOPPED : s_State == STOPPING) {
+        return false;
+    }
+    s_State = IsStart ? STARTING : STOPPING;
+    return true;
+}
+
 static OV_ERR_T _Register()
 {
+    _EndWaits(); /* exchanges may pass before the first start, and their lock is made anew */
     OV_MutexInit(&g_ConfigMutexLock);
     const int32_t ModId = OV_MemModRegister(MODULE_NAME, strlen(MODULE_NAME));
     if (ModId < 0) {
         return ModId;
     }
     g_MemModId = ModId;
+    {
+        const MUTEX_SCOPE State(s_StateLock);
+        s_ConfigAttempt.IsForbidden = false;
+    }
     s_ConfigGate.SetOpen(true);
     return 0;
 }
@@ -262,11 +333,20 @@ static void _Unregister()
     OV_MemModUnRegister(g_MemModId.exchange(-1));
 }
 
-static bool _SetStarted(bool IsStarted)
+static void _SetState(decltype(s_State) NewState)
 {
     const MUTEX_SCOPE State(s_StateLock);
 
-    return std::exchange(s_IsStarted, IsStarted);
+    s_State = NewState;
+}
+
+/* The end of a stop, and of a start that failed: what waited has been woken, the thread is gone. */
+static void _CloseAll()
+{
+    _CloseConfig();
+    _Unregister();
+    OV_MutexDestroy(&g_ConfigMutexLock);
+    _SetState(STOPPED);
 }
 
 /* What both starts begin with; its lines are those of the start at Function and Line. */
@@ -286,34 +366,15 @@ static OV_ERR_T _StartConfig(const char *Function, int Line)
     return Error;
 }
 
-/* Whatever waits for the server wakes with an error, and nothing new begins to wait. */
-static void _EndWaits()
-{
-    s_ConfigGate.SetOpen(false);
-    {
-        const MUTEX_SCOPE State(s_StateLock);
-
-        shutdown(g_DispatchConfigSock, SHUT_RDWR);
-        if (g_DispatchNotify != nullptr) {
-            shutdown(g_DispatchNotify->Sock, SHUT_RDWR);
-            g_DispatchNotify->Thread.Tid = 0;
-            g_DispatchNotify->Thread.IsStop = TRUE;
-        }
-    }
-    s_ConfigGate.WaitUntilEmpty();
-}
-
 /* What both starts end with: what has been opened stays only where all went well. */
 static OV_ERR_T _EndStart(OV_ERR_T Error)
 {
     if (Error < 0) {
         _EndWaits();
-        _CloseConfig();
-        _Unregister();
-        OV_MutexDestroy(&g_ConfigMutexLock);
-        _SetStarted(false);
+        _CloseAll();
         return Error;
     }
+    _SetState(RUNNING);
     syslog(LOG_INFO, "Dispath Client loaded!\n");
     return 0;
 }
@@ -325,7 +386,8 @@ static OV_ERR_T _StartNotify(const char *Function)
     OV_ERR_T Error = -ENOMEM;
 
     if (Entry != nullptr) {
-        Error = _OV_DispatchConnect(SERVER_ADDRESS, NOTIFY_PORT, &Entry->Sock);
+        Entry->Attempt.Sock = -1;
+        Error = _OV_DispatchConnect(SERVER_ADDRESS, NOTIFY_PORT, &Entry->Attempt, &Entry->Sock);
     }
     if (Error < 0) {
         syslog(LOG_ERR, "[%s:%d]failed to connect notify server! retcode=%d\n", Function, __LINE__,
@@ -346,7 +408,7 @@ static OV_ERR_T _StartNotify(const char *Function)
 OV_ERR_T OV_DispatchClientInit(void)
 {
     const CANCEL_SCOPE Whole;
-    if (_SetStarted(true)) {
+    if (!_EnterState(true)) {
         return -EALREADY;
     }
 
@@ -360,7 +422,7 @@ OV_ERR_T OV_DispatchClientInit(void)
 OV_ERR_T OV_DispatchClientInitNoNotify(void)
 {
     const CANCEL_SCOPE Whole;
-    if (_SetStarted(true)) {
+    if (!_EnterState(true)) {
         return -EALREADY;
     }
     return _EndStart(_StartConfig(__func__, __LINE__));
@@ -392,12 +454,12 @@ void OV_DispatchClientExit(void)
 {
     const CANCEL_SCOPE Whole;
 
+    if (!_EnterState(false)) {
+        return; /* a handler stops what is being stopped, and waited for */
+    }
     _EndWaits();
     _StopNotify();
-    _CloseConfig();
-    _Unregister();
-    OV_MutexDestroy(&g_ConfigMutexLock);
-    _SetStarted(false);
+    _CloseAll();
     syslog(LOG_INFO, "Dispath Client unloaded!\n");
 }
 

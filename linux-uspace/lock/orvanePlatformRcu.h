@@ -9,10 +9,19 @@
 #ifndef ORVANE_PLATFORM_RCU_H
 #define ORVANE_PLATFORM_RCU_H
 
-/* The read sections are liburcu's own few inline lines, which it leaves to any code to use so: as
- * calls they would cost more than the allocation that they guard. */
-#include <urcu/static/urcu-memb.h>
 #include <urcu/urcu-memb.h>
+
+/* Who defines OV_RCU_INLINE has liburcu's few lines for a read section in place of calls, which
+ * costs a fifth, and must be built again with each release of liburcu. The library does, for its
+ * pools. */
+#if defined(OV_RCU_INLINE) && !defined(__SANITIZE_THREAD__)
+#    include <urcu/static/urcu-memb.h>
+#    define OV_RCU_READ_LOCK _urcu_memb_read_lock
+#    define OV_RCU_READ_UNLOCK _urcu_memb_read_unlock
+#else
+#    define OV_RCU_READ_LOCK urcu_memb_read_lock
+#    define OV_RCU_READ_UNLOCK urcu_memb_read_unlock
+#endif
 
 /* The sanitizer does not see the ordering inside liburcu and is told of it here: what was read in
  * a section happens before what follows the grace period. */
@@ -44,13 +53,13 @@ static inline void OV_RcuUnregisterThread(void)
 /* Read sections nest. */
 static inline void OV_RcuReadLock(void)
 {
-    _urcu_memb_read_lock();
+    OV_RCU_READ_LOCK();
 }
 
 static inline void OV_RcuReadUnlock(void)
 {
     OV_RCU_RELEASE();
-    _urcu_memb_read_unlock();
+    OV_RCU_READ_UNLOCK();
 }
 
 /* Waits until every read section that was open at the call is over. Not to be called inside one. */

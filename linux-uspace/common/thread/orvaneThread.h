@@ -30,7 +30,7 @@ OV_EXTERN_C_END
 /* Starts Func(Arg) with the attributes (null: the default ones) and stores its id in *Thread, which
  * the new thread itself must not rely on. A Name of at most 15 characters is given to the thread,
  * a longer one is not; a detached thread that is given one must not end before this call does.
- * Returns 0 or the negated errno that the failed creation left. */
+ * Returns 0 or the negated errno that the failed creation left, where it left none its own code. */
 static inline OV_ERR_T OV_PlatformThreadRun(OV_THREAD_T *Thread, const pthread_attr_t *Attr,
                                             void *(*Func)(void *), void *Arg, const char *Name)
 {
