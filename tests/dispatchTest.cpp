@@ -8,7 +8,10 @@
 
 #include <atomic>
 #include <errno.h>
+#include <filesystem>
+#include <netinet/in.h>
 #include <optional>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <wchar.h>
@@ -47,11 +50,12 @@ static void Echo(int Socket)
     } while (!Request.empty() && SendBytes(Socket, Request));
 }
 
-static void HoldOpen(int Socket)
+/* Neither answers nor reads, until the connection ends. */
+static void StaySilent(int Socket)
 {
-    char Byte;
+    struct pollfd End = {Socket, POLLRDHUP, 0};
 
-    while (recv(Socket, &Byte, 1, 0) > 0) {}
+    poll(&End, 1, -1);
 }
 
 static std::string TextOf(OV_DISPATCH_DESC *Desc)
@@ -76,7 +80,7 @@ static std::string ModuleUsage()
 class Dispatch : public testing::Test {
   protected:
     std::optional<LOOPBACK_SERVER> Config{std::in_place, CONFIG_PORT, Echo};
-    std::optional<LOOPBACK_SERVER> Notify{std::in_place, NOTIFY_PORT, HoldOpen};
+    std::optional<LOOPBACK_SERVER> Notify{std::in_place, NOTIFY_PORT, StaySilent};
     static inline OV_DISPATCH_FUNC Handler;
 
     void SetUp() override
@@ -298,7 +302,7 @@ TEST_F(Dispatch, NoNotificationOfAStormIsLost)
             }
         }
         SendBytes(Socket, Bytes, 60007); /* pieces that end anywhere */
-        HoldOpen(Socket);
+        StaySilent(Socket);
     });
     ASSERT_EQ(OV_DispatchClientInit(), 0);
     EXPECT_TRUE(WaitUntil([] { return s_Notified == COUNT; }, 60)) << s_Notified;
@@ -311,6 +315,7 @@ TEST_F(Dispatch, TheThreadReconnectsOnceAndEndsWhenItCannot)
     static std::atomic<int> s_Received;
     s_Received = 0;
     s_Notified = 0;
+    const size_t Descriptors = OpenDescriptors();
     Handle([](OV_DISPATCH_DESC *Desc) {
         s_Notified++;
         return Desc;
@@ -319,7 +324,7 @@ TEST_F(Dispatch, TheThreadReconnectsOnceAndEndsWhenItCannot)
         SendBytes(Socket, Frame(MODULE, 1, "hello"));
         const std::string Pushed = ReceiveFrame(Socket);
         s_Received += Pushed == Frame(5, 6, "pushed");
-        HoldOpen(Socket);
+        StaySilent(Socket);
     };
     Notify.reset();
     Notify.emplace(NOTIFY_PORT, Serve);
@@ -353,6 +358,7 @@ TEST_F(Dispatch, TheThreadReconnectsOnceAndEndsWhenItCannot)
     EXPECT_TRUE(WaitUntil([] { return ModuleUsage() == "0/0"; })); /* the thread has ended */
     OV_DispatchNotifyReply(5, 6, "pushed", 6);                     /* no connection: nothing */
     OV_DispatchClientExit();
+    EXPECT_TRUE(WaitUntil([&] { return OpenDescriptors() == Descriptors - 1; })); /* the server's */
 }
 
 TEST_F(Dispatch, AStartThatFailsLeavesNothing)
@@ -394,30 +400,105 @@ TEST_F(Dispatch, AThousandStartsAndStopsLeaveNothing)
     EXPECT_TRUE(WaitUntil([&] { return OpenThreads() == Threads; })) << OpenThreads();
 }
 
-/* A server that never answers must not keep a stop waiting, whoever stops. */
-TEST_F(Dispatch, AStopEndsWhatWaitsForTheServer)
+static OV_ERR_T ExchangeUnaccounted()
 {
+    alignas(OV_DISPATCH_HDR) uint8_t Buff[64] = {8}; /* outlives the client's module */
+    OV_DISPATCH_DESC Desc = {};
+
+    Desc.Buff = Buff;
+    Desc.Size = sizeof(Buff);
+    OV_DispatchInitHdr(&Desc, MODULE, 1);
+    return OV_DispatchConfigure(&Desc);
+}
+
+/* A server that neither answers nor reads must not keep a stop waiting. */
+TEST_F(Dispatch, AStopEndsExchangesAndPushesThatHang)
+{
+    static const std::string s_Large(64U << 20, 'l');
+    static std::atomic<bool> s_HalfClose;
+    s_HalfClose = false;
+    s_Notified = 0;
+    Handle([](OV_DISPATCH_DESC *Desc) {
+        s_Notified++;
+        return Desc;
+    });
     Config.reset();
-    Config.emplace(CONFIG_PORT, HoldOpen);
+    Config.emplace(CONFIG_PORT, StaySilent);
+    Notify.reset();
+    Notify.emplace(NOTIFY_PORT, [](int Socket) {
+        if (s_HalfClose) {
+            SendBytes(Socket, Frame(MODULE, 1, "hello"));
+        } else {
+            EXPECT_TRUE(WaitUntil([] { return s_HalfClose.load(); }));
+            shutdown(Socket, SHUT_WR);
+        }
+        StaySilent(Socket);
+    });
     ASSERT_EQ(OV_DispatchClientInit(), 0);
-    std::atomic<int> Waiting = 0;
+    for (const auto &Entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const bool IsSocket = Contains(std::filesystem::read_symlink(Entry), "socket:");
+        const std::string Info = ReadFile("/proc/self/fdinfo/" + Entry.path().filename().string());
+        EXPECT_TRUE(!IsSocket || Contains(Info, "flags:\t02")) << "a child would have it: " << Info;
+    }
+    std::atomic<int> Begun = 0;
     std::vector<std::thread> Threads;
     for (int Number = 0; Number < 3; Number++) {
         Threads.emplace_back([&] {
-            alignas(OV_DISPATCH_HDR) uint8_t Buff[64] = {}; /* outlives the client's module */
-            OV_DISPATCH_DESC Desc = {};
-            Desc.Buff = Buff;
-            Desc.Size = sizeof(Buff);
-            Waiting++;
-            EXPECT_LT(Exchange(&Desc, 1, "anybody?"), 0);
+            Begun++;
+            EXPECT_LT(ExchangeUnaccounted(), 0);
+        });
+        Threads.emplace_back([&] {
+            Begun++;
+            OV_DispatchNotifyReply(5, 6, s_Large.data(), static_cast<uint32_t>(s_Large.size()));
         });
     }
-    EXPECT_TRUE(WaitUntil([&] { return Waiting == 3; }));
+    EXPECT_TRUE(WaitUntil([&] { return Begun == 6 && ModuleUsage() == "4/0"; })) << ModuleUsage();
+    s_HalfClose = true; /* a stuck push does not keep the thread from its next connection */
+    EXPECT_TRUE(WaitUntil([&] { return s_Notified == 1; }));
     OV_DispatchClientExit();
     for (std::thread &Thread : Threads) {
         Thread.join();
     }
     EXPECT_EQ(OV_DispatchConfigure(nullptr), -ESHUTDOWN);
+}
+
+TEST_F(Dispatch, AStopEndsAConnectionInTheMaking)
+{
+    ASSERT_EQ(OV_DispatchClientInitNoNotify(), 0);
+    Config.reset();
+    EXPECT_LT(ExchangeUnaccounted(), 0); /* by now without a connection */
+
+    /* A queue of one that nobody empties: the kernel lets the rest wait. */
+    struct sockaddr_in Address = {};
+    const auto *Server = reinterpret_cast<struct sockaddr *>(&Address);
+    Address.sin_family = AF_INET;
+    Address.sin_port = htons(CONFIG_PORT);
+    Address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int One = 1;
+    int Sockets[4];
+    for (int &Socket : Sockets) {
+        Socket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    }
+    setsockopt(Sockets[0], SOL_SOCKET, SO_REUSEADDR, &One, sizeof(One));
+    ASSERT_EQ(bind(Sockets[0], Server, sizeof(Address)), 0);
+    ASSERT_EQ(listen(Sockets[0], 0), 0);
+    for (const int Socket : {Sockets[1], Sockets[2], Sockets[3]}) {
+        connect(Socket, Server, sizeof(Address));
+    }
+    std::atomic<bool> Begun = false;
+    std::thread Waiting([&] {
+        Begun = true;
+        EXPECT_LT(ExchangeUnaccounted(), 0);
+    });
+    EXPECT_TRUE(WaitUntil([&] { return Begun.load(); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50)); /* to be in connect by then */
+    const auto Start = std::chrono::steady_clock::now();
+    OV_DispatchClientExit();
+    Waiting.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - Start, std::chrono::seconds(5));
+    for (const int Socket : Sockets) {
+        close(Socket);
+    }
 }
 
 TEST_F(Dispatch, AHandlerMayStopAndStartTheClient)
@@ -439,7 +520,7 @@ TEST_F(Dispatch, AHandlerMayStopAndStartTheClient)
     Notify.emplace(NOTIFY_PORT, [](int Socket) {
         const bool First = s_Round++ == 0;
         SendBytes(Socket, Frame(MODULE, 1, First ? "stop" : "go") + Frame(MODULE, 1, "after"));
-        HoldOpen(Socket);
+        StaySilent(Socket);
     });
     ASSERT_EQ(OV_DispatchClientInit(), 0);
     /* "after" of the first connection belongs to a run that had been stopped by then. */

@@ -88,7 +88,7 @@ TEST_F(Memory, EachAccountThroughABlocksLife)
     EXPECT_STREQ(Copy, "text");
     EXPECT_EQ(FiguresOf(Id), (FIGURES{1, 17, 0, 0}));
     OV_MemFree(Id, Copy);
-    OV_MemFree(Id, OV_MemRealloc(Id, nullptr, 1, 0));
+    OV_MemFree(Id, OV_MemRealloc(Id, nullptr, 9000, 0)); /* big, and no warning of it */
 
     Block = static_cast<char *>(OV_VmemZeroAlloc(Id, 100));
     EXPECT_EQ(std::string(Block, 100), std::string(100, '\0'));
@@ -232,6 +232,8 @@ TEST_F(Pool, BlocksAreCountedGuardedAndZeroedWhereAsked)
     EXPECT_EQ(Made.back(), "7 mempool creat success,id=" + std::to_string(Id) + ",name=blocks\n");
     const int32_t Plain = OV_MemPoolCreate("plain", 5, 40, 0, 0);
     EXPECT_NE(Plain, Id);
+    EXPECT_EQ(OV_MemPoolCreate("plains", 5, 40, 0, 0), Plain + 1) << "another length";
+    OV_MemPoolDestroy(Plain + 1);
     EXPECT_EQ(OV_MemPoolCreate("x", 33, 40, 0, 0), -EINVAL);
     EXPECT_EQ(OV_MemPoolCreate(nullptr, 1, 40, 0, 0), -EINVAL);
     EXPECT_EQ(OV_MemPoolCreate("x", 1, UINT32_MAX - 11, 0, 0), -ENOEXEC);
