@@ -56,12 +56,12 @@ static void _OV_AgentGetTimeStr(char (&TimeBuf)[LOG_STAMP_SIZE])
     if (OV_GetTimeOfDay(&Now) != 0) {
         return;
     }
-    if (OV_LogLocalTime(&Now.tv_sec, &Date) == nullptr) {
+    if (_OV_LogLocalTime(&Now.tv_sec, &Date) == nullptr) {
         printf("date is null: %s\n", strerror(errno));
         return;
     }
-    OV_PrintLogStamp(TimeBuf, Date.tm_year + 1900, Date.tm_mon + 1, Date.tm_mday, Date.tm_hour,
-                     Date.tm_min, Date.tm_sec, static_cast<int>(Now.tv_usec / 1000));
+    _OV_LogStampPrint(TimeBuf, Date.tm_year + 1900, Date.tm_mon + 1, Date.tm_mday, Date.tm_hour,
+                      Date.tm_min, Date.tm_sec, static_cast<int>(Now.tv_usec / 1000));
 }
 
 /* Opens the file for appending and writes its first line; "e": the shell commands that the

@@ -200,9 +200,9 @@ static int OV_PRINTF_LIKE(2, 0) _OV_Log2File(uint32_t LogHandleId, const char *F
     _OV_SYSTIME_T Now = {};        /* without a clock a line is stamped with zeros */
     char Stamp[LOG_STAMP_SIZE];
 
-    _ReadSystime(&Now, OV_LogLocalTime);
-    OV_PrintLogStamp(Stamp, Now.Year, Now.Month, Now.Day, Now.Hour, Now.Minute, Now.Second,
-                     Now.Milliseconds);
+    _ReadSystime(&Now, _OV_LogLocalTime);
+    _OV_LogStampPrint(Stamp, Now.Year, Now.Month, Now.Day, Now.Hour, Now.Minute, Now.Second,
+                      Now.Milliseconds);
     const uint32_t Size = _IsInUse(LogHandleId)
                               ? _WriteToHandle(&s_LogHandle[LogHandleId], Stamp, Format, Args)
                               : _WriteLine(stdout, Stamp, Format, Args);

@@ -11,7 +11,7 @@ static constexpr size_t LOG_STAMP_SIZE = 64; /* with the NUL; room for the oddes
 
 /* localtime_r for the logs: the second of this thread's last line is not broken down again, which
  * in some zones takes a third of a line's time. A change of the zone shows with the next second. */
-inline struct tm *OV_LogLocalTime(const time_t *Second, struct tm *Date)
+inline struct tm *_OV_LogLocalTime(const time_t *Second, struct tm *Date)
 {
     static thread_local time_t LastSecond;
     static thread_local struct tm LastDate; /* day 0 until the first line */
@@ -37,8 +37,8 @@ static inline void _PutDigits(char *End, int Digits, int Value)
 }
 
 /* Digits are put in by hand: printf would take a third of a line's time. */
-static inline void OV_PrintLogStamp(char (&Text)[LOG_STAMP_SIZE], int Year, int Month, int Day,
-                                    int Hour, int Minute, int Second, int Milliseconds)
+static inline void _OV_LogStampPrint(char (&Text)[LOG_STAMP_SIZE], int Year, int Month, int Day,
+                                     int Hour, int Minute, int Second, int Milliseconds)
 {
     static constexpr char FORM[] = "[0000/00/00_00:00:00.000]";
 
