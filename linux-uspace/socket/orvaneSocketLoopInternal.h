@@ -15,19 +15,15 @@
 
 #include "orvaneSocket.h"
 
-/* A peer that is gone gives -EPIPE and no signal. */
-template <typename RETRY>
-static inline OV_LEN_ERR_T _OV_SocketSendAll(OV_SOCKET Socket, const void *Data, size_t Size,
-                                             RETRY Retry)
+/* Move(Done, Left) is one call of the system's. */
+template <typename MOVE, typename RETRY>
+static inline OV_LEN_ERR_T _OV_SocketMoveAll(size_t Size, RETRY Retry, MOVE Move)
 {
-    const char *Next = static_cast<const char *>(Data);
-
-    while (Size > 0) {
-        const OV_LEN_ERR_T Result = OV_Send(Socket, Next, Size, MSG_NOSIGNAL);
+    for (size_t Done = 0; Done < Size;) {
+        const OV_LEN_ERR_T Result = Move(Done, Size - Done);
 
         if (Result > 0) {
-            Next += Result;
-            Size -= static_cast<size_t>(Result);
+            Done += static_cast<size_t>(Result);
         } else if (Result == 0 || !Retry(Result)) {
             return Result;
         }
@@ -35,24 +31,24 @@ static inline OV_LEN_ERR_T _OV_SocketSendAll(OV_SOCKET Socket, const void *Data,
     return 1;
 }
 
+/* A peer that is gone gives -EPIPE and no signal. */
+template <typename RETRY>
+static inline OV_LEN_ERR_T _OV_SocketSendAll(OV_SOCKET Socket, const void *Data, size_t Size,
+                                             RETRY Retry)
+{
+    return _OV_SocketMoveAll(Size, Retry, [&](size_t Done, size_t Left) {
+        return OV_Send(Socket, static_cast<const char *>(Data) + Done, Left, MSG_NOSIGNAL);
+    });
+}
+
 /* Only bytes that arrive are written to Buffer. */
 template <typename RETRY>
 static inline OV_LEN_ERR_T _OV_SocketReceiveExactly(OV_SOCKET Socket, void *Buffer, size_t Size,
                                                     RETRY Retry)
 {
-    char *Next = static_cast<char *>(Buffer);
-
-    while (Size > 0) {
-        const OV_LEN_ERR_T Result = OV_Recv(Socket, Next, Size, 0);
-
-        if (Result > 0) {
-            Next += Result;
-            Size -= static_cast<size_t>(Result);
-        } else if (Result == 0 || !Retry(Result)) {
-            return Result;
-        }
-    }
-    return 1;
+    return _OV_SocketMoveAll(Size, Retry, [&](size_t Done, size_t Left) {
+        return OV_Recv(Socket, static_cast<char *>(Buffer) + Done, Left, 0);
+    });
 }
 
 #endif
