@@ -485,13 +485,17 @@ TEST_F(Dispatch, AStopEndsAConnectionInTheMaking)
     for (const int Socket : {Sockets[1], Sockets[2], Sockets[3]}) {
         connect(Socket, Server, sizeof(Address));
     }
-    std::atomic<bool> Begun = false;
-    std::thread Waiting([&] {
-        Begun = true;
-        EXPECT_LT(ExchangeUnaccounted(), 0);
-    });
-    EXPECT_TRUE(WaitUntil([&] { return Begun.load(); }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50)); /* to be in connect by then */
+    const auto Connecting = [] { /* how many wait for the server to take them */
+                                 size_t Count = 0;
+                                 for (const std::string &Line :
+                                      Lines(ReadFile("/proc/self/net/tcp"))) {
+                                     Count += Contains(Line, ":D431 02") ? 1 : 0;
+                                 }
+                                 return Count;
+    };
+    const size_t Before = Connecting();
+    std::thread Waiting([] { EXPECT_LT(ExchangeUnaccounted(), 0); });
+    EXPECT_TRUE(WaitUntil([&] { return Connecting() == Before + 1; }));
     const auto Start = std::chrono::steady_clock::now();
     OV_DispatchClientExit();
     Waiting.join();
