@@ -85,6 +85,7 @@ static int _OV_AgentFileLogInit(OV_AGENT_LOG *Log)
     /* The path is the record's first field: what this catches is a record that is not there. */
     OV_ASSERT_AT(Log != nullptr, "(Log->FileLog.Path != ((void *)0))", "linuxRtcLog", 526,
                  __func__);
+    const CANCEL_SCOPE Whole; /* the stream is nobody's until it is stored */
     OV_MutexInit(&s_AgentLogLock);
 
     FILE *Stream = _OpenLogFile(Log->FileLog.Path, "agent log start");
@@ -205,8 +206,7 @@ static int _OV_AgentMavoLogInit(OV_AGENT_LOG *Log)
 }
 
 /* The -1 that stays behind is, as the unsigned id that a log file takes, above every handle: lines
- * after the stop go to standard output. Kept: what a program logs on its way out is still seen, and
- * the settings refuse the id instead of changing a handle that has a new owner. */
+ * after the stop go to standard output, and the settings refuse it. */
 static void _OV_AgentMavoLogRelease(OV_AGENT_LOG *Log)
 {
     if (Log->FileLog.HandlerId >= 0) {

@@ -380,6 +380,11 @@ TEST_F(Dispatch, AStartThatFailsLeavesNothing)
         EXPECT_TRUE(Log[1].ends_with("]Fail to connect to server! retcode=-111\n")) << Log[1];
         EXPECT_EQ(ModuleUsage(), "");
     }
+    /* Where the system has no other port to give, the client would meet itself. */
+    const std::string Range = ReadFile("/proc/sys/net/ipv4/ip_local_port_range");
+    WriteFile("/proc/sys/net/ipv4/ip_local_port_range", "54321 54321");
+    EXPECT_EQ(OV_DispatchClientInitNoNotify(), -ECONNREFUSED);
+    WriteFile("/proc/sys/net/ipv4/ip_local_port_range", Range);
     EXPECT_EQ(OpenDescriptors(), Descriptors - 2); /* those of the two servers */
 }
 

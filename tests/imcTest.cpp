@@ -253,6 +253,27 @@ TEST_F(Imc, StartsAndStopsInAndOutOfTurn)
                        "3 Failed to OV_ImcConfigure in OV_ImcConfSet :Bad file descriptor \n"}));
 }
 
+/* A start that came while a stop still waits would lose its lock and socket to that stop. */
+TEST_F(Imc, AStartDoesNotOvertakeAStop)
+{
+    static std::atomic<bool> s_MayEnd;
+    s_MayEnd = false;
+    const auto Wait = [](const void *, size_t, void *) -> OV_ERR_T {
+        EXPECT_TRUE(WaitUntil([] { return s_MayEnd.load(); }));
+        return 7;
+    };
+    std::jthread Handling(
+        [&] { EXPECT_EQ(OV_ImcConfGetByFunc(8, 2, nullptr, 0, Wait, nullptr), 7); });
+    EXPECT_TRUE(WaitUntil([&] { return Blocks() == 2 && LastRequest().size() == 16; }));
+    std::jthread Stopping(OV_ImcConfClientRelease);
+    EXPECT_TRUE(WaitUntil([] { return OV_ImcConfSet(8, 2, nullptr, 0) == -EBADF; }));
+    EXPECT_EQ(OV_ImcConfClientInit(), -EALREADY);
+    s_MayEnd = true;
+    Handling.join();
+    Stopping.join();
+    SetUp();
+}
+
 TEST(ImcStart, ARefusedOneSaysSoAndLeavesNothing)
 {
     const size_t Descriptors = OpenDescriptors();

@@ -4,7 +4,7 @@
 #include "orvaneDispatchInternal.h"
 #include "orvaneMem.h"
 #include "orvaneMemPool.h"
-#include "orvaneSocketLoopInternal.h"
+#include "orvaneSocketInternal.h"
 
 #include <algorithm>
 #include <stdarg.h>

@@ -44,8 +44,8 @@ void OV_FlexMsgRelease(void)
     }
 }
 
-/* These two lines name a thread of the configuration client's, the module's first user, which most
- * callers are not: the texts stayed when others came, because logs are searched for them. */
+/* These two lines name a thread of the configuration client's, whoever the caller is, and stay so:
+ * who reads them must not look for that thread. */
 static void _LogAllocFailure()
 {
     syslog(LOG_ERR, "_OV_ImcConfClientThread alloc memory failed\n");

@@ -38,7 +38,8 @@ OV_FLEXIBLE_MSG *OV_FlexMsgAlloc(void);
 void OV_FlexMsgFree(OV_FLEXIBLE_MSG *Msg);
 
 /* Gives the message a fresh buffer of 4096 zeroed bytes, Pos 0, and returns it; the previous one is
- * not freed: it is the caller's. On failure null, and the message stays as it was. */
+ * not freed: OV_FlexMsgReallocData(Msg, 0) does that before. On failure null, and the message stays
+ * as it was. */
 void *OV_FlexMsgAllocData(OV_FLEXIBLE_MSG *Msg);
 
 /* Moves the buffer to NewSize bytes, keeping what fits; Pos stays. Returns the new buffer. On

@@ -1,7 +1,7 @@
 #include "orvaneImc.h"
 
 #include "orvaneScope.h"
-#include "orvaneSocketLoopInternal.h"
+#include "orvaneSocketInternal.h"
 
 #include <netinet/in.h>
 #include <string.h>
@@ -26,39 +26,23 @@ static OV_IMC_REQ_HDR *_RequestHdr(const OV_FLEXIBLE_MSG *Msg)
     return static_cast<OV_IMC_REQ_HDR *>(OV_FlexMsgDataHead(Msg));
 }
 
-/* Buffers are made larger than a header, but a caller may have made this one smaller. What it gains
- * here is zeroed, for the reserved bytes travel as they are. */
-static bool _HoldsHdr(OV_FLEXIBLE_MSG *Msg)
-{
-    const size_t Before = Msg->Size;
-
-    if (Before >= sizeof(OV_IMC_REQ_HDR)) {
-        return true;
-    }
-    if (OV_FlexMsgReallocData(Msg, sizeof(OV_IMC_REQ_HDR)) == nullptr) {
-        return false;
-    }
-    memset(Msg->FlexBuf + Before, 0, sizeof(OV_IMC_REQ_HDR) - Before);
-    return true;
-}
-
 void OV_ImcRequstInitHdr(OV_FLEXIBLE_MSG *Msg, uint8_t Mod, uint16_t OpType)
 {
-    OV_FlexMsgResetDataLen(Msg);
-    if (!_HoldsHdr(Msg)) {
+    OV_FlexMsgSetDataLen(Msg, sizeof(OV_IMC_REQ_HDR));
+    if (!OV_FlexMsgDataMaybePull(Msg, 0)) { /* a caller may have made the buffer too small */
+        OV_FlexMsgResetDataLen(Msg);
         return;
     }
     OV_IMC_REQ_HDR *Hdr = _RequestHdr(Msg);
     Hdr->Mod = Mod;
     Hdr->OpType = OpType;
     Hdr->PayloadBytes = 0;
-    OV_FlexMsgSetDataLen(Msg, sizeof(OV_IMC_REQ_HDR));
 }
 
 OV_ERR_T OV_ImcSafeSetRequestPayload(OV_FLEXIBLE_MSG *Msg, const void *Data, size_t Size)
 {
-    if (!_HoldsHdr(Msg)) {
-        return -ENOMEM;
+    if (Msg->Pos < sizeof(OV_IMC_REQ_HDR)) {
+        return -EINVAL; /* it would lie on the header */
     }
     const OV_ERR_T Result = OV_FlexMsgSafeSetData(Msg, Data, Size);
     if (Result == 0) {
@@ -97,7 +81,7 @@ OV_ERR_T OV_ImcConnect(uint32_t Addr, uint16_t Port, OV_SOCKET *Fd)
     Peer.sin_family = AF_INET;
     Peer.sin_port = htons(Port);
     Peer.sin_addr.s_addr = htonl(Addr);
-    Result = OV_Connect(Socket, reinterpret_cast<const struct sockaddr *>(&Peer), sizeof(Peer));
+    Result = _OV_SocketConnect(Socket, Peer);
     if (Result < 0) {
         syslog(LOG_ERR, "OV_Connect failed : %s\n", strerror(-Result));
         OV_SocketClose(Socket);
@@ -121,8 +105,7 @@ static OV_ERR_T _LoopResult(OV_LEN_ERR_T Result)
     return Result < 0 ? Result : 0;
 }
 
-/* Every refused send is worth its line here, also those that are tried again: the service answers
- * each request at once, and a socket that takes nothing means that it hangs. */
+/* Unlike the dispatch sends, each refused one gets its line, also when it is tried again. */
 static bool _IsSendRetried(OV_ERR_T Error)
 {
     syslog(LOG_ERR, "OV_ImcSendAll failed : %s %d\n", strerror(-Error), Error);

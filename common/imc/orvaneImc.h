@@ -37,8 +37,8 @@ typedef struct _OV_IMC_REPLY_HDR {
  * enough; for want of memory the message stays empty (Pos 0). */
 void OV_ImcRequstInitHdr(OV_FLEXIBLE_MSG *Msg, uint8_t Mod, uint16_t OpType);
 
-/* Append Size bytes, which lie outside the message, and count them in the header. 0, or -ENOMEM
- * with the message as it was. */
+/* Append Size bytes, which lie outside the message, and count them in the header. 0, -ENOMEM, or
+ * -EINVAL for a message without a header; the message is then as it was. */
 OV_ERR_T OV_ImcSafeSetRequestPayload(OV_FLEXIBLE_MSG *Msg, const void *Data, size_t Size);
 OV_ERR_T OV_ImcSafeSetReplyPayload(OV_FLEXIBLE_MSG *Msg, const void *Data, size_t Size);
 

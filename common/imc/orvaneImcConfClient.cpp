@@ -34,13 +34,8 @@ static OV_ERR_T _OV_ImcConfConnect()
     return OV_ImcConnect(INADDR_LOOPBACK, SERVICE_PORT, &sg_ImcConfSocket);
 }
 
-OV_ERR_T OV_ImcConfClientInit(void)
+static OV_ERR_T _Start()
 {
-    const CANCEL_SCOPE Whole;
-    if (sg_ImcConfGate.IsOpen()) {
-        return -EALREADY;
-    }
-
     OV_MutexInit(&sg_ImcConfLock);
     OV_ERR_T Result = OV_FlexMsgInit();
     if (Result < 0) {
@@ -51,16 +46,29 @@ OV_ERR_T OV_ImcConfClientInit(void)
     if (Result < 0) {
         syslog(LOG_ERR, "Failed to _OV_ImcConfConnect, ret = %d\n", Result);
         OV_FlexMsgRelease();
-        return Result;
     }
-    sg_ImcConfGate.SetOpen(true);
-    return 0;
+    return Result;
+}
+
+OV_ERR_T OV_ImcConfClientInit(void)
+{
+    const CANCEL_SCOPE Whole;
+    if (!sg_ImcConfGate.BeginStart()) {
+        return -EALREADY;
+    }
+
+    const OV_ERR_T Result = _Start();
+    if (Result == 0) {
+        sg_ImcConfGate.SetOpen(true);
+    }
+    sg_ImcConfGate.EndChange(Result == 0);
+    return Result;
 }
 
 void OV_ImcConfClientRelease(void)
 {
     const CANCEL_SCOPE Whole;
-    if (!sg_ImcConfGate.IsOpen()) {
+    if (!sg_ImcConfGate.BeginStop(false)) {
         return;
     }
 
@@ -71,6 +79,7 @@ void OV_ImcConfClientRelease(void)
     sg_ImcConfSocket = -1;
     OV_FlexMsgRelease();
     OV_MutexDestroy(&sg_ImcConfLock);
+    sg_ImcConfGate.EndChange(false);
 }
 
 static OV_ERR_T _SendAndReceive(OV_SOCKET Socket, OV_FLEXIBLE_MSG *Msg)
@@ -114,13 +123,11 @@ static OV_ERR_T _Configure(OV_FLEXIBLE_MSG *Msg)
     return OV_ImcReplyHdr(Msg)->RetCode;
 }
 
-/* Outside the gate there is no connection; the code and the line are those of a send on none. */
-static OV_ERR_T _SendWithoutConnection()
+/* Outside the gate there is no connection; code and line are those of a send on none. */
+static OV_ERR_T _RefuseOutside()
 {
-    char Byte = 0;
-    const OV_FLEXIBLE_MSG Msg = {sizeof(Byte), {}, sizeof(Byte), &Byte};
-
-    return OV_ImcSendAll(-1, &Msg);
+    syslog(LOG_ERR, "OV_ImcSendAll failed : %s %d\n", strerror(EBADF), -EBADF);
+    return -EBADF;
 }
 
 OV_ERR_T OV_ImcConfigure(OV_FLEXIBLE_MSG *Msg)
@@ -128,7 +135,7 @@ OV_ERR_T OV_ImcConfigure(OV_FLEXIBLE_MSG *Msg)
     const CANCEL_SCOPE Whole;
     const GATE_SCOPE Passed(sg_ImcConfGate);
 
-    return Passed.IsIn() ? _Configure(Msg) : _SendWithoutConnection();
+    return Passed.IsIn() ? _Configure(Msg) : _RefuseOutside();
 }
 
 /* What the three calls below ask for. */
@@ -179,7 +186,7 @@ static OV_ERR_T _Exchange(const IMC_CALL &Call, TAKE Take)
     const CANCEL_SCOPE Whole;
     const GATE_SCOPE Passed(sg_ImcConfGate);
     if (!Passed.IsIn()) {
-        return _Configured(Call, _SendWithoutConnection());
+        return _Configured(Call, _RefuseOutside());
     }
     const FLEX_MSG_SCOPE Msg(OV_FlexMsgAlloc());
     if (Msg == nullptr) {

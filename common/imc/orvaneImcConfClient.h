@@ -19,7 +19,8 @@ OV_PUBLIC_BEGIN
 
 /* Connects, and initialises the flexible messages with it. 0; -EALREADY, with nothing changed, when
  * the client is initialised; else the negative code of what failed, -ECONNREFUSED when the service
- * does not run, with nothing left open. Neither of the two is to be called by a reply handler. */
+ * does not run, with nothing left open. A service that takes no connections is waited for as long
+ * as the system does (two minutes). Neither of the two is to be called by a reply handler. */
 OV_ERR_T OV_ImcConfClientInit(void);
 
 /* Ends the exchanges in progress, with an error, waits for them and disconnects. Does nothing when
@@ -42,12 +43,13 @@ OV_ERR_T OV_ImcConfGet(uint8_t Mod, uint16_t OpType, const void *Requset, size_t
                        void *Reply, size_t ReplyBytes);
 
 /* Gets the payload, which is gone after the call, and its size, which may be 0. The call's result
- * becomes the exchange's. Called on the exchanging thread; other threads may exchange meanwhile. */
+ * becomes the exchange's. Called on the exchanging thread, with its cancellation put off; other
+ * threads may exchange meanwhile, a release waits. It must return. */
 typedef OV_ERR_T (*OV_IMC_REPLY_HANDLER)(const void *Payload, size_t PayloadBytes, void *Args);
 
 /* Reads an item through a handler, called when the service's result is not negative; null: the
- * payload is ignored. OpType has only 8 bits here, unlike above: callers have been compiled with
- * that, and a larger operation's low 8 bits are what the service gets. */
+ * payload is ignored. OpType has only 8 bits here, unlike above: of a larger operation the service
+ * gets the low 8 bits. */
 OV_ERR_T OV_ImcConfGetByFunc(uint8_t Mod, uint8_t OpType, const void *Requset, size_t RequsetBytes,
                              OV_IMC_REPLY_HANDLER ReplyHandlerFunc, void *ReplyHandlerFuncArgs);
 

@@ -69,14 +69,15 @@ char *OV_SafeStrGetPort(const char *SrcStr, size_t CharCnt, uint16_t *OutPort);
 char *OV_SafeStrGetMask(const char *SrcStr, size_t CharCnt, uint8_t *OutMask);
 
 /* Reads an IPv4 address (host byte order) and a port, with Delimiter between them, or with only
- * white space when Delimiter is 0. On failure both outputs are 0. */
+ * white space when Delimiter is 0; white space itself cannot be the Delimiter. On failure both
+ * outputs are 0. */
 char *OV_SafeStrGetIp4AddrPort(const char *SrcStr, size_t CharCnt, char Delimiter,
                                uint32_t *OutIp4Addr, uint16_t *OutPort);
 
 /* Reads "a.b.c.d/length" (host byte order). On failure both outputs are 0. An address without the
- * slash gives address 0, length 32 and the position one past the next character: address 0 with a
- * position means that no prefix was given. This looks at the character at the count, so SrcStr
- * must have one there (its NUL). */
+ * slash (and 9 characters or more) gives address 0, length 32 and the position one past the next
+ * character: address 0 with a position means that no prefix was given. This looks at the character
+ * at the count, so SrcStr must have one there (its NUL). */
 char *OV_SafeStrGetIp4AddrMask(const char *SrcStr, size_t CharCnt, uint32_t *OutIp4Addr,
                                uint8_t *OutMask);
 
@@ -105,7 +106,8 @@ size_t OV_SafeStrFormatIpAddr(char *OutStr, size_t CharCnt, OV_IN_ADDR_TYPE Addr
  * BufferSize (with the NUL). Returns Buffer; a BufferSize of 0 or less leaves it untouched. */
 char *OV_SafeStrFormatIpTypeAddr(char *Buffer, int32_t BufferSize, const OV_IP_TYPE_ADDR *Ip);
 
-/* Reads an address of either family: IPv6 if there is a colon in the text. Returns TRUE, or FALSE
+/* Reads an address of either family: IPv6 if there is a colon in the IpStrLen characters. What
+ * follows the address does not matter. Returns TRUE, or FALSE
  * with *Ip all zero when there is no address or only the unspecified one (0.0.0.0 or ::). */
 BOOL OV_SafeStrGetIpTypeAddr(const char *IpStr, size_t IpStrLen, OV_IP_TYPE_ADDR *Ip);
 

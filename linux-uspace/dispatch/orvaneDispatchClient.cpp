@@ -4,10 +4,10 @@
 #include "orvaneGateInternal.h"
 #include "orvaneMemInternal.h"
 #include "orvaneScope.h"
+#include "orvaneSocketInternal.h"
 #include "orvaneThread.h"
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <stdlib.h>
 #include <utility>
 
@@ -51,7 +51,6 @@ static OV_MUTEX_T s_PushLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
  * two above. */
 static OV_MUTEX_T s_StateLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 static pthread_cond_t s_ThreadEnded = PTHREAD_COND_INITIALIZER;
-static enum { STOPPED, STARTING, RUNNING, STOPPING } s_State;
 static OV_SOCKET g_DispatchConfigSock = -1; /* changed by who exchanges, or start and stop */
 static CONNECT_ATTEMPT s_ConfigAttempt = {-1, false};
 static _OV_DISPATCH_NOTIFY_ENTRY *g_DispatchNotify; /* null: no notification thread */
@@ -123,7 +122,7 @@ static OV_ERR_T _OV_DispatchConnect(const char *IpAddr, uint16_t Port, CONNECT_A
     if (!Making.Begun) {
         return -ESHUTDOWN;
     }
-    Error = OV_Connect(Sock, reinterpret_cast<struct sockaddr *>(&Server), sizeof(Server));
+    Error = _OV_SocketConnect(Sock, Server);
     if (Error < 0) {
         syslog(LOG_ERR, "[%s:%d]Fail to connect to server %s:%u! retcode=%d\n", FUNCTION, 105,
                IpAddr, static_cast<unsigned>(Port), Error);
@@ -260,8 +259,9 @@ static void *_OV_DispatchNotifyClientThread(void *Arg)
     return nullptr;
 }
 
-/* Starts the thread on Entry, whose connection is open. It cannot end before its name is set: its
- * end needs the lock. */
+/* Starts the thread on Entry, whose connection is open, and with it the client runs. The thread
+ * gets no further than to the lock before: it must not end while it is given its name, and its
+ * handlers may stop what runs. */
 static OV_ERR_T _RunNotifyThread(_OV_DISPATCH_NOTIFY_ENTRY *Entry)
 {
     const MUTEX_SCOPE State(s_StateLock);
@@ -274,6 +274,7 @@ static OV_ERR_T _RunNotifyThread(_OV_DISPATCH_NOTIFY_ENTRY *Entry)
     pthread_attr_destroy(&Attr);
     if (Error >= 0) {
         g_DispatchNotify = Entry;
+        s_ConfigGate.EndChange(true);
     }
     return Error;
 }
@@ -295,18 +296,6 @@ static void _EndWaits()
         }
     }
     s_ConfigGate.WaitUntilEmpty();
-}
-
-/* A start takes the state to STARTING, a stop from there or from RUNNING to STOPPING. */
-static bool _EnterState(bool IsStart)
-{
-    const MUTEX_SCOPE State(s_StateLock);
-
-    if (IsStart ? s_State != STOPPED : s_State == STOPPING) {
-        return false;
-    }
-    s_State = IsStart ? STARTING : STOPPING;
-    return true;
 }
 
 static OV_ERR_T _Register()
@@ -333,20 +322,13 @@ static void _Unregister()
     OV_MemModUnRegister(g_MemModId.exchange(-1));
 }
 
-static void _SetState(decltype(s_State) NewState)
-{
-    const MUTEX_SCOPE State(s_StateLock);
-
-    s_State = NewState;
-}
-
 /* The end of a stop, and of a start that failed: what waited has been woken, the thread is gone. */
 static void _CloseAll()
 {
     _CloseConfig();
     _Unregister();
     OV_MutexDestroy(&g_ConfigMutexLock);
-    _SetState(STOPPED);
+    s_ConfigGate.EndChange(false);
 }
 
 /* What both starts begin with; its lines are those of the start at Function and Line. */
@@ -374,7 +356,6 @@ static OV_ERR_T _EndStart(OV_ERR_T Error)
         _CloseAll();
         return Error;
     }
-    _SetState(RUNNING);
     syslog(LOG_INFO, "Dispath Client loaded!\n");
     return 0;
 }
@@ -408,7 +389,7 @@ static OV_ERR_T _StartNotify(const char *Function)
 OV_ERR_T OV_DispatchClientInit(void)
 {
     const CANCEL_SCOPE Whole;
-    if (!_EnterState(true)) {
+    if (!s_ConfigGate.BeginStart()) {
         return -EALREADY;
     }
 
@@ -422,10 +403,15 @@ OV_ERR_T OV_DispatchClientInit(void)
 OV_ERR_T OV_DispatchClientInitNoNotify(void)
 {
     const CANCEL_SCOPE Whole;
-    if (!_EnterState(true)) {
+    if (!s_ConfigGate.BeginStart()) {
         return -EALREADY;
     }
-    return _EndStart(_StartConfig(__func__, __LINE__));
+
+    const OV_ERR_T Error = _StartConfig(__func__, __LINE__);
+    if (Error >= 0) {
+        s_ConfigGate.EndChange(true);
+    }
+    return _EndStart(Error);
 }
 
 /* A handler that stops the client is on the thread that would be waited for. The thread then keeps
@@ -454,7 +440,7 @@ void OV_DispatchClientExit(void)
 {
     const CANCEL_SCOPE Whole;
 
-    if (!_EnterState(false)) {
+    if (!s_ConfigGate.BeginStop(true)) {
         return; /* a handler stops what is being stopped, and waited for */
     }
     _EndWaits();

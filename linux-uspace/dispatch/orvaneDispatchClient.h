@@ -9,9 +9,9 @@
  *   and ends for good when that fails. It keeps each descriptor that it replaced until it ends: a
  *   server that accepts and closes over and over costs one each time. It is registered with RCU.
  *
- * Start and stop belong to one thread; everything else may be called from any thread in between.
- * Nothing here has a timeout: a server that neither answers nor goes away is waited for until the
- * stop.
+ * Everything may be called from any thread; of two starts or stops at once, one is made. Nothing
+ * here has a timeout: a server that neither answers nor goes away is waited for until the stop, and
+ * a start waits for one that takes no connections as long as the system does (two minutes).
  */
 #ifndef ORVANE_DISPATCH_CLIENT_H
 #define ORVANE_DISPATCH_CLIENT_H

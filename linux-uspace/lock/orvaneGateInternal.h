@@ -1,7 +1,10 @@
 /*
- * A gate before what a stop takes away: callers pass while it is open; who closes it turns new ones
- * back, ends what the others wait for, and then waits until they have left. A caller that is inside
+ * A gate before what a service's stop takes away: callers pass while it is open; who stops closes
+ * it, ends what the callers wait for, and then waits until they have left. A caller that is inside
  * is turned back like any other when it comes again.
+ *
+ * The gate also sees to it that one start or stop is made at a time. Whoever calls it has put off
+ * the cancellation of its thread.
  */
 #ifndef ORVANE_GATE_INTERNAL_H
 #define ORVANE_GATE_INTERNAL_H
@@ -19,12 +22,22 @@ class GATE {
         Open = NewOpen;
         pthread_mutex_unlock(&Lock);
     }
-    bool IsOpen()
+    /* Claim the right to start or to stop, until EndChange; false when another has it, and when
+     * there is nothing to start. A stop of what is stopped is granted only where it is asked for.
+     */
+    bool BeginStart()
+    {
+        return BeginChange(STOPPED, STOPPED);
+    }
+    bool BeginStop(bool AlsoWhenStopped)
+    {
+        return BeginChange(RUNNING, AlsoWhenStopped ? STOPPED : RUNNING);
+    }
+    void EndChange(bool IsRunning)
     {
         pthread_mutex_lock(&Lock);
-        const bool Now = Open;
+        State = IsRunning ? RUNNING : STOPPED;
         pthread_mutex_unlock(&Lock);
-        return Now;
     }
     bool Enter()
     {
@@ -52,8 +65,20 @@ class GATE {
     }
 
   private:
+    enum STATE { STOPPED, CHANGING, RUNNING };
+
+    bool BeginChange(STATE From, STATE OrFrom)
+    {
+        pthread_mutex_lock(&Lock);
+        const bool Granted = State == From || State == OrFrom;
+        State = Granted ? CHANGING : State;
+        pthread_mutex_unlock(&Lock);
+        return Granted;
+    }
+
     pthread_mutex_t Lock = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t Left = PTHREAD_COND_INITIALIZER;
+    STATE State = STOPPED;
     bool Open;
     uint32_t Inside = 0;
 };

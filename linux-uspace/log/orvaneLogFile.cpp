@@ -4,6 +4,7 @@
 #include "orvaneSafeStr.h"
 #include "orvaneScope.h"
 
+#include <algorithm>
 #include <atomic>
 #include <errno.h>
 #include <stdio.h>
@@ -74,10 +75,11 @@ static OV_ERR_T _ReadSystime(_OV_SYSTIME_T *Systime,
 
 OV_ERR_T OV_GetSystime(_OV_SYSTIME_T *Systime)
 {
+    tzset(); /* localtime_r alone keeps the zone of the process's start */
     return _ReadSystime(Systime, localtime_r);
 }
 
-/* This and the four below are called under the handle's lock. A file that is there already is
+/* Under the handle's lock. A file that is there already is
  * counted with what it holds, so that a restarted process rotates where the first one would. */
 static OV_ERR_T _OV_LogFileOpen(_OV_LOG_HANDLE_ *Handle)
 {
@@ -89,15 +91,16 @@ static OV_ERR_T _OV_LogFileOpen(_OV_LOG_HANDLE_ *Handle)
     }
     Handle->File.store(Stream);
     Handle->IsAdrift = FALSE;
-    Handle->CurFileSize =
-        fstat(fileno(Stream), &Status) == 0 ? static_cast<uint32_t>(Status.st_size) : 0;
+    Handle->CurFileSize = fstat(fileno(Stream), &Status) == 0
+                              ? static_cast<uint32_t>(std::min<off_t>(Status.st_size, UINT32_MAX))
+                              : 0;
     return 0;
 }
 
-/* A handle without a path closes standard output itself, known and kept: a program that releases
- * it gives its terminal or pipe up, and whoever reads that pipe sees its end. The price: the next
- * file that the process opens becomes its descriptor 1, which its children inherit as their
- * standard output. */
+/* Under the handle's lock. A handle without a path closes standard output itself, known and kept: a
+ * program that releases it gives its terminal or pipe up, and whoever reads that pipe sees its end.
+ * The price: the next file that the process opens becomes its descriptor 1, and its children's
+ * standard output unless it is closed for them. */
 static void _OV_LogFileClose(_OV_LOG_HANDLE_ *Handle)
 {
     FILE *Stream = Handle->File.load();
@@ -114,9 +117,10 @@ static bool _RotatedName(char (&Name)[OV_LOG_FILE_PATH_SIZE], const char *Path, 
     return OV_SNPrintf(Name, sizeof(Name), "%s.%u", Path, Number) < sizeof(Name);
 }
 
-/* Moves each file on by one number, the oldest being overwritten, and starts an empty one. Where a
- * name does not fit the live file just grows, and the next line tries again. No result is looked
- * at: what could not be renamed is lost with the live file, which must not grow for ever.
+/* Under the handle's lock. Moves each file on by one number, the oldest being overwritten, and
+ * starts an empty one. Where a name does not fit the live file just grows, and the next line tries
+ * again. No result is looked at: what could not be renamed is lost with the live file, which must
+ * not grow for ever.
  *
  * A FileTotalNum of 0 counts down through all numbers, known and kept: hours under the handle's
  * lock. Callers set 1 or more. */
@@ -146,7 +150,7 @@ static void _OV_LogFileRotate(_OV_LOG_HANDLE_ *Handle)
     _OV_LogFileOpen(Handle);
 }
 
-/* Where the handle's next line goes; null: nowhere. */
+/* Under the handle's lock: where its next line goes; null: nowhere. */
 static FILE *_StreamOf(_OV_LOG_HANDLE_ *Handle)
 {
     if (Handle->IsAdrift && _OV_LogFileOpen(Handle) != 0) {
@@ -155,14 +159,16 @@ static FILE *_StreamOf(_OV_LOG_HANDLE_ *Handle)
     return Handle->File.load(); /* null in a slot that was released since it was tested */
 }
 
-/* Returns the characters written. A full disk must not make the count smaller. */
+/* Returns the characters written; a print that failed counts 0, not -1. Handles without a path
+ * share standard output, whose lines stdio's own lock keeps whole. */
 static uint32_t OV_PRINTF_LIKE(3, 0)
     _WriteLine(FILE *Stream, const char *Stamp, const char *Format, va_list Args)
 {
+    flockfile(Stream);
     const int Stamped = fputs(Stamp, Stream) < 0 ? 0 : static_cast<int>(strlen(Stamp));
     const int Printed = vfprintf(Stream, Format, Args);
-
     fflush(Stream);
+    funlockfile(Stream);
     return static_cast<uint32_t>(Stamped) + static_cast<uint32_t>(Printed < 0 ? 0 : Printed);
 }
 
@@ -179,7 +185,7 @@ static uint32_t OV_PRINTF_LIKE(3, 0)
     }
     const uint32_t Size = _WriteLine(Stream, Stamp, Format, Args);
     if (Handle->IsLogFile) {
-        Handle->CurFileSize += Size;
+        Handle->CurFileSize += std::min(Size, UINT32_MAX - Handle->CurFileSize);
         if (Handle->CurFileSize >= Handle->MaxFileSize) {
             _OV_LogFileRotate(Handle);
         }
@@ -239,9 +245,9 @@ static void _OV_LogHandleRelease(_OV_LOG_HANDLE_ *Handle)
 }
 
 /* The test ahead of the start's clean-up is inverted, known and kept: it releases a handle when
- * there is none, and so a start that is refused ends the process in the null handle's lock. No
- * caller has ever seen a negative id. Before this one is righted, look at them all: an id is passed
- * on unsigned, and a negative one that nobody checked would send a whole log to standard output.
+ * there is none, and so a start that is refused ends the process in the null handle's lock. Before
+ * it is righted, look at all callers: an id is passed on unsigned, and a negative one that nobody
+ * checked would send a whole log to standard output.
  * The volatile pointer keeps the compilers from knowing the null and dropping the path. */
 static _OV_LOG_HANDLE_ *volatile s_NoHandle = nullptr;
 

@@ -37,7 +37,8 @@ typedef struct _OV_SYSTIME {
 /* Opens a handle on LogPath (copied; Size is its length, at most 511), appending, or on standard
  * output for null, and writes "log start...". Returns its id. The process ends with a fault when
  * Size is larger or all handles are taken. Where the file cannot be opened the id is returned all
- * the same, with a message on standard error: whatever then uses that id waits for ever. */
+ * the same, with a message on standard error: whatever then uses that id waits for ever, settings
+ * and release with the table locked. A longer path with a smaller Size is cut. */
 int32_t OV_LogFileInit(const char *LogPath, size_t Size);
 
 /* Closes the handle's stream and frees the id; one that is not open is left alone. A handle without
@@ -52,15 +53,17 @@ int OV_Log2FileWithVaList(uint32_t LogHandleId, const char *Format, va_list Args
     OV_PRINTF_LIKE(2, 0);
 
 /* The size in bytes at which a file is renamed away (checked after each line), and how many such
- * files are kept: at least 1, which is not checked. -EINVAL for an id above 63 and a null output.
- * For an id that is not open 0 is returned and nothing is read or set. */
+ * files are kept: at least 1, which is not checked (0 renames through all 32-bit numbers). -EINVAL
+ * for an id above 63 and a null output. For an id that is not open 0 is returned and nothing is
+ * read or set. */
 OV_ERR_T OV_LogFileGetMaxFileSize(uint32_t LogHandleId, uint32_t *MaxFileSize);
 OV_ERR_T OV_LogFileSetMaxFileSize(uint32_t LogHandleId, uint32_t MaxFileSize);
 OV_ERR_T OV_LogFileGetFileNum(uint32_t LogHandleId, uint32_t *FileTotalNum);
 OV_ERR_T OV_LogFileSetFileNum(uint32_t LogHandleId, uint32_t FileTotalNum);
 
 /* One handle for code that carries no id. A 0 for MaxFileSize or FileNum keeps the default; else
- * as OV_LogFileInit and the setters. A handle that was opened before stays open. Without one,
+ * as OV_LogFileInit and the setters: with one of them set, a path that cannot be opened makes the
+ * call itself wait for ever. A handle that was opened before stays open. Without one,
  * OV_FileLog writes to standard output. */
 OV_ERR_T OV_FileLogInit(const char *LogPath, size_t Size, uint32_t MaxFileSize, uint32_t FileNum);
 int OV_FileLog(const char *Format, ...) OV_PRINTF_LIKE(1, 2);

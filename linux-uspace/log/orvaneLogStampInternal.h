@@ -10,13 +10,15 @@
 static constexpr size_t LOG_STAMP_SIZE = 64; /* with the NUL; room for the oddest year */
 
 /* localtime_r for the logs: the second of this thread's last line is not broken down again, which
- * in some zones takes a third of a line's time. A change of the zone shows with the next second. */
+ * in some zones takes a third of a line's time. The zone is read anew with each second: localtime_r
+ * alone would keep the one of the process's start. */
 inline struct tm *_OV_LogLocalTime(const time_t *Second, struct tm *Date)
 {
     static thread_local time_t LastSecond;
     static thread_local struct tm LastDate; /* day 0 until the first line */
 
     if (LastDate.tm_mday == 0 || LastSecond != *Second) {
+        tzset();
         if (localtime_r(Second, Date) == nullptr) {
             return nullptr;
         }

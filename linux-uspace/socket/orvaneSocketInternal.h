@@ -1,5 +1,8 @@
 /*
- * Whole messages over a stream socket: one loop that sends all of the bytes and one that receives
+ * What the clients of the services on this machine share: connecting, and whole messages over the
+ * stream.
+ *
+ * There is one loop that sends all of the bytes and one that receives
  * exactly so many, whatever portions the system moves. The callers differ in which errors they
  * repeat, so that is theirs to say: Retry(Error) gets each negative result and answers true to go
  * on at once, and may log. It is not asked about a result of 0, which always ends the loop.
@@ -10,10 +13,32 @@
  *
  * Some of the bytes may have moved before a failure. Both calls are cancellation points.
  */
-#ifndef ORVANE_SOCKET_LOOP_INTERNAL_H
-#define ORVANE_SOCKET_LOOP_INTERNAL_H
+#ifndef ORVANE_SOCKET_INTERNAL_H
+#define ORVANE_SOCKET_INTERNAL_H
 
 #include "orvaneSocket.h"
+
+#include <netinet/in.h>
+
+/* A connection to Server, which may have turned out to be one to itself: where nobody listens on a
+ * port of this machine, and it lies in the range that connections take theirs from, the system may
+ * give the caller that very port and join the two ends. What was sent would come back as its own
+ * reply, and the service could not start. That is no server. */
+static inline OV_ERR_T _OV_SocketConnect(OV_SOCKET Socket, const struct sockaddr_in &Server)
+{
+    struct sockaddr_in Own = {};
+    socklen_t OwnLength = sizeof(Own);
+    const OV_ERR_T Error =
+        OV_Connect(Socket, reinterpret_cast<const struct sockaddr *>(&Server), sizeof(Server));
+
+    if (Error < 0) {
+        return Error;
+    }
+    getsockname(Socket, reinterpret_cast<struct sockaddr *>(&Own), &OwnLength);
+    const bool IsItself =
+        Own.sin_port == Server.sin_port && Own.sin_addr.s_addr == Server.sin_addr.s_addr;
+    return IsItself ? -ECONNREFUSED : 0;
+}
 
 /* Move(Done, Left) is one call of the system's. */
 template <typename MOVE, typename RETRY>
