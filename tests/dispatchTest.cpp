@@ -116,6 +116,7 @@ TEST(DispatchStart, IsNotAConnectionToItself)
     WriteFile(Setting, "54321 54321");
     EXPECT_EQ(OV_DispatchClientInitNoNotify(), -ECONNREFUSED);
     WriteFile(Setting, Range);
+    LOOPBACK_SERVER(CONFIG_PORT, Echo); /* which has its port at once */
 }
 
 TEST_F(Dispatch, AMessageGrowsInItsBuffer)

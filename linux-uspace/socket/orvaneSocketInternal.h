@@ -35,9 +35,13 @@ static inline OV_ERR_T _OV_SocketConnect(OV_SOCKET Socket, const struct sockaddr
         return Error;
     }
     getsockname(Socket, reinterpret_cast<struct sockaddr *>(&Own), &OwnLength);
-    const bool IsItself =
-        Own.sin_port == Server.sin_port && Own.sin_addr.s_addr == Server.sin_addr.s_addr;
-    return IsItself ? -ECONNREFUSED : 0;
+    if (Own.sin_port != Server.sin_port || Own.sin_addr.s_addr != Server.sin_addr.s_addr) {
+        return 0;
+    }
+    /* Closed without the usual wait, which would keep the service from its port for a minute. */
+    const struct linger AtOnce = {1, 0};
+    OV_SetSockOpt(Socket, SOL_SOCKET, SO_LINGER, &AtOnce, sizeof(AtOnce));
+    return -ECONNREFUSED;
 }
 
 /* Move(Done, Left) is one call of the system's. */
