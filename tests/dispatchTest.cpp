@@ -496,7 +496,7 @@ TEST_F(Dispatch, AStopEndsAConnectionInTheMaking)
     ASSERT_EQ(bind(Sockets[0], Server, sizeof(Address)), 0);
     ASSERT_EQ(listen(Sockets[0], 0), 0);
     for (const int Socket : {Sockets[1], Sockets[2], Sockets[3]}) {
-        connect(Socket, Server, sizeof(Address));
+        (void)connect(Socket, Server, sizeof(Address));
     }
     const auto Connecting = [] { /* how many wait for the server to take them */
                                  size_t Count = 0;

@@ -304,6 +304,14 @@ static void *WaitForFlag(void *Flag)
     return nullptr;
 }
 
+static const void *Carrying(intptr_t Error)
+{
+    const void *Pointer;
+
+    memcpy(&Pointer, &Error, sizeof(Pointer));
+    return Pointer;
+}
+
 TEST(Wrappers, ResultsAreNegatedErrnoAndOutputsAreKept)
 {
     OV_SOCKET Socket = 77;
@@ -326,9 +334,9 @@ TEST(Wrappers, ResultsAreNegatedErrnoAndOutputsAreKept)
     pclose(Stream);
 
     EXPECT_TRUE(OV_IS_ERR_OR_NULL(nullptr));
-    EXPECT_TRUE(OV_IS_ERR_OR_NULL(reinterpret_cast<void *>(-12L)));
-    EXPECT_TRUE(OV_IS_ERR_OR_NULL(reinterpret_cast<void *>(-4095L)));
-    EXPECT_FALSE(OV_IS_ERR_OR_NULL(reinterpret_cast<void *>(-4096L)));
+    EXPECT_TRUE(OV_IS_ERR_OR_NULL(Carrying(-12)));
+    EXPECT_TRUE(OV_IS_ERR_OR_NULL(Carrying(-4095)));
+    EXPECT_FALSE(OV_IS_ERR_OR_NULL(Carrying(-4096)));
 }
 
 TEST(Wrappers, AThreadGetsANameThatFits)

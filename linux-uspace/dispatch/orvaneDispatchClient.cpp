@@ -206,6 +206,14 @@ static void _Deliver(OV_DISPATCH_DESC *Desc)
     }
 }
 
+static void _FreeDisowned(OV_DISPATCH_DESC *Desc)
+{
+    if (Desc != nullptr) {
+        _OV_MemFreeDisowned(Desc->Buff);
+        _OV_MemFreeDisowned(Desc);
+    }
+}
+
 /* The last that the thread does with anything of the module. */
 static void _EndNotify(_OV_DISPATCH_NOTIFY_ENTRY *Entry)
 {
@@ -220,8 +228,7 @@ static void _EndNotify(_OV_DISPATCH_NOTIFY_ENTRY *Entry)
     }
     free(Entry->Replaced);
     if (Entry->IsAbandoned) {
-        _OV_MemFreeDisowned(Entry->Desc->Buff);
-        _OV_MemFreeDisowned(Entry->Desc);
+        _FreeDisowned(Entry->Desc);
         free(Entry);
         return;
     }
