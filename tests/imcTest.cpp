@@ -289,12 +289,12 @@ TEST(ImcStart, ARefusedOneSaysSoAndLeavesNothing)
 /* They are cancelled: an exchange that ended in its middle would mix up all others. */
 TEST_F(Imc, FourThreadsGetTheirOwnReplies)
 {
-    std::vector<std::jthread> Threads;
+    std::vector<std::jthread> Threads(4);
     std::atomic<int> Right = 0;
-    for (int Thread = 0; Thread < 4; Thread++) {
-        Threads.emplace_back([&, Thread] {
+    for (size_t Thread = 0; Thread < 4; Thread++) {
+        Threads[Thread] = std::jthread([&, Thread] {
             pthread_cancel(pthread_self());
-            for (int Count = 0; Count < 500; Count++) {
+            for (size_t Count = 0; Count < 500; Count++) {
                 const std::string Answer = Reply(0, std::to_string(Thread * 1000 + 1000 + Count));
                 std::string Got(4, '.');
                 OV_ImcConfGet(8, 2, Answer.data(), Answer.size(), Got.data(), Got.size());
@@ -309,10 +309,10 @@ TEST_F(Imc, FourThreadsGetTheirOwnReplies)
 /* One waits for a silent service, the others for their turn, when the stop comes. */
 TEST_F(Imc, AStopEndsExchangesThatHang)
 {
-    std::vector<std::jthread> Threads;
+    std::vector<std::jthread> Threads(3);
     std::atomic<int> Failed = 0;
-    for (int Thread = 0; Thread < 3; Thread++) {
-        Threads.emplace_back([&] { Failed += OV_ImcConfSet(8, 2, "hangs", 5) < 0; });
+    for (std::jthread &Thread : Threads) {
+        Thread = std::jthread([&] { Failed += OV_ImcConfSet(8, 2, "hangs", 5) < 0; });
     }
     EXPECT_TRUE(WaitUntil([&] { return Blocks() == 6 && LastRequest().size() == 21; }));
     TearDown();

@@ -151,13 +151,13 @@ TEST_F(LogFile, NoLineIsLostSplitOrDoubledByRotations)
     const uint32_t Id = Open(LIVE, 10000, 200);
     std::multiset<std::string> Seen;
     std::multiset<std::string> Expected = {"@log start...", "", "@last words"};
-    const auto LineOf = [](int Thread, int Number) {
+    const auto LineOf = [](size_t Thread, size_t Number) {
         return std::to_string(Thread) + std::string(1 + Number % 100, ' ') + std::to_string(Number);
     };
-    std::vector<std::jthread> Threads;
-    for (int Thread = 0; Thread < 2; Thread++) {
-        Threads.emplace_back([Id, Thread, LineOf] {
-            for (int Number = 0; Number < 2000; Number++) {
+    std::vector<std::jthread> Threads(2);
+    for (size_t Thread = 0; Thread < 2; Thread++) {
+        Threads[Thread] = std::jthread([Id, Thread, LineOf] {
+            for (size_t Number = 0; Number < 2000; Number++) {
                 OV_Log2File(Id, "%s\n", LineOf(Thread, Number).c_str());
             }
         });
@@ -166,7 +166,7 @@ TEST_F(LogFile, NoLineIsLostSplitOrDoubledByRotations)
         pthread_cancel(pthread_self()); /* a thread that ends in the call keeps the lock */
         OV_Log2File(Id, "last words\n");
     });
-    for (int Number = 0; Number < 2000; Number++) {
+    for (size_t Number = 0; Number < 2000; Number++) {
         EXPECT_EQ(OV_LogFileSetFileNum(Id, 200), 0);
         OV_LogFileRelease(Open("/tmp/other"));
         Expected.insert("@" + LineOf(0, Number));
