@@ -75,7 +75,7 @@ static OV_ERR_T _ReadSystime(_OV_SYSTIME_T *Systime,
 
 OV_ERR_T OV_GetSystime(_OV_SYSTIME_T *Systime)
 {
-    tzset(); /* localtime_r alone keeps the zone of the process's start */
+    _OV_LogReadZone();
     return _ReadSystime(Systime, localtime_r);
 }
 

@@ -4,21 +4,32 @@
 
 #include "orvaneSafeStr.h"
 
+#include <pthread.h>
 #include <string.h>
 #include <time.h>
 
 static constexpr size_t LOG_STAMP_SIZE = 64; /* with the NUL; room for the oddest year */
 
+/* Reads the zone anew: localtime_r alone keeps the one that the process first asked for. One thread
+ * at a time; libc sees to that as well, but where no sanitizer sees it. */
+inline void _OV_LogReadZone()
+{
+    static pthread_mutex_t Lock = PTHREAD_MUTEX_INITIALIZER;
+
+    pthread_mutex_lock(&Lock);
+    tzset();
+    pthread_mutex_unlock(&Lock);
+}
+
 /* localtime_r for the logs: the second of this thread's last line is not broken down again, which
- * in some zones takes a third of a line's time. The zone is read anew with each second: localtime_r
- * alone would keep the one of the process's start. */
+ * in some zones takes a third of a line's time. The zone is read anew with each second. */
 inline struct tm *_OV_LogLocalTime(const time_t *Second, struct tm *Date)
 {
     static thread_local time_t LastSecond;
     static thread_local struct tm LastDate; /* day 0 until the first line */
 
     if (LastDate.tm_mday == 0 || LastSecond != *Second) {
-        tzset();
+        _OV_LogReadZone();
         if (localtime_r(Second, Date) == nullptr) {
             return nullptr;
         }
