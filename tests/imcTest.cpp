@@ -95,6 +95,20 @@ class Imc : public testing::Test {
     LOOPBACK_SERVER Server{55435, [this](int Socket) { Serve(Socket); }};
 };
 
+/* Runs first: the system must not have seen a server on this port yet. Where it has no other port
+ * to give, a client without a server would meet itself. */
+TEST(ImcStart, IsNotAConnectionToItself)
+{
+    const std::string Setting = "/proc/sys/net/ipv4/ip_local_port_range";
+    const std::string Range = ReadFile(Setting);
+
+    WriteFile(Setting, "55435 55435");
+    EXPECT_EQ(OV_ImcConfClientInit(), -ECONNREFUSED);
+    WriteFile(Setting, Range);
+    LOOPBACK_SERVER(55435, [](int /*Socket*/) {}); /* which has its port at once */
+    TakeSystemLog();
+}
+
 TEST_F(Imc, AFlexMsgGrowsToWhatBytesNeedAndDoublesForTextOrStaysAsItWas)
 {
     static const struct {

@@ -307,7 +307,9 @@ static void _EndWaits()
 
 static OV_ERR_T _Register()
 {
-    _EndWaits(); /* exchanges may pass before the first start, and their lock is made anew */
+    /* Exchanges may have passed before the first start: their lock and connection are made anew. */
+    _EndWaits();
+    _CloseConfig();
     OV_MutexInit(&g_ConfigMutexLock);
     const int32_t ModId = OV_MemModRegister(MODULE_NAME, strlen(MODULE_NAME));
     if (ModId < 0) {

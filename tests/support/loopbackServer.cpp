@@ -89,7 +89,8 @@ LOOPBACK_SERVER::~LOOPBACK_SERVER()
 std::string ReceiveBytes(int Socket, size_t Size)
 {
     std::string Bytes(Size, '\0');
-    const ssize_t Count = recv(Socket, Bytes.data(), Size, MSG_WAITALL);
+    /* Even for no bytes recv would wait for one. */
+    const ssize_t Count = Size == 0 ? 0 : recv(Socket, Bytes.data(), Size, MSG_WAITALL);
 
     Bytes.resize(static_cast<size_t>(std::max<ssize_t>(Count, 0)));
     return Bytes;
