@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <errno.h>
+#include <fcntl.h>
 #include <filesystem>
 #include <netinet/in.h>
 #include <optional>
@@ -262,6 +263,30 @@ TEST_F(Dispatch, EachWayInWhichAReplyArrivesOrDoesNot)
     getrusage(RUSAGE_SELF, &Used);
     EXPECT_LT(Used.ru_maxrss, 1L << 20);
     OV_DispatchClientExit();
+}
+
+TEST_F(Dispatch, ASocketThatDoesNotWaitIsAskedAgain)
+{
+    const std::string Sent = Frame(1, 2, std::string(1U << 20, 'n')); /* more than a socket holds */
+    std::string Got;
+    int Ends[2];
+
+    ASSERT_EQ(OV_DispatchClientInitNoNotify(), 0);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, Ends), 0);
+    ASSERT_EQ(fcntl(Ends[0], F_SETFL, O_NONBLOCK), 0);
+    OV_DISPATCH_DESC *Desc = OV_DispatchAllocDesc(0);
+    std::thread Peer([&] {
+        SendBytes(Ends[1], Sent, 1000);
+        Got = ReceiveFrame(Ends[1]);
+    });
+    EXPECT_EQ(OV_DispatchRecv(Ends[0], Desc), 0);
+    EXPECT_EQ(OV_DispatchSend(Ends[0], Desc), 0);
+    Peer.join();
+    EXPECT_TRUE(Got == Sent);
+    OV_DispatchFreeDesc(Desc);
+    OV_DispatchClientExit();
+    close(Ends[0]);
+    close(Ends[1]);
 }
 
 TEST_F(Dispatch, EachThreadGetsItsOwnReplyAlsoAcrossARestart)

@@ -105,7 +105,7 @@ TEST(ImcStart, IsNotAConnectionToItself)
     WriteFile(Setting, "55435 55435");
     EXPECT_EQ(OV_ImcConfClientInit(), -ECONNREFUSED);
     WriteFile(Setting, Range);
-    LOOPBACK_SERVER(55435, [](int /*Socket*/) {}); /* which has its port at once */
+    const LOOPBACK_SERVER Service(55435, [](int /*Socket*/) {}); /* it has its port at once */
     TakeSystemLog();
 }
 
