@@ -215,9 +215,10 @@ char *OV_SafeStrGetI64(const char *SrcStr, unsigned int Radix, int64_t *OutI64)
     return _GetNumber<strtoll>(SrcStr, Radix, OutI64);
 }
 
-/* Reads one decimal number of at most Bound; null when it has no digit or exceeds the bound. */
-static const char *_GetBoundedDecimal(const char *Text, const char *End, uint32_t Bound,
-                                      uint32_t *OutValue)
+/* Reads one decimal number of at most Bound (9 or more: one digit never exceeds it); null when it
+ * has no digit or exceeds the bound. */
+static inline const char *_GetBoundedDecimal(const char *Text, const char *End, uint32_t Bound,
+                                             uint32_t *OutValue)
 {
     if (Text == End || !_IsDigit(*Text)) {
         return nullptr;
@@ -225,8 +226,11 @@ static const char *_GetBoundedDecimal(const char *Text, const char *End, uint32_
 
     const char *Next = Text + 1;
     uint32_t Value = static_cast<uint32_t>(*Text - '0');
-    for (; Next < End && _IsDigit(*Next); Next++) {
-        Value = Value * 10 + static_cast<uint32_t>(*Next - '0');
+    if (Bound >= 99 && Next != End && _IsDigit(*Next)) { /* nor do two: most parts end here */
+        Value = Value * 10 + static_cast<uint32_t>(*Next++ - '0');
+    }
+    while (Next != End && _IsDigit(*Next)) {
+        Value = Value * 10 + static_cast<uint32_t>(*Next++ - '0');
         if (Value > Bound) {
             return nullptr;
         }
@@ -250,7 +254,7 @@ char *OV_SafeStrGetIp4Addr(const char *SrcStr, size_t CharCnt, uint32_t *OutIp4A
 
     uint32_t Address = 0;
     /* Four copies, so that each part's branches are foreseen by themselves: the benchmark's mixed
-     * texts read in 11 ns instead of 18. */
+     * texts read in two thirds of the time. */
 #pragma GCC unroll 4
     for (unsigned Part = 0; Part < IP4_PART_COUNT; Part++) {
         uint32_t Value = 0;
