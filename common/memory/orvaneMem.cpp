@@ -64,8 +64,8 @@ static int32_t _RegisterIn(int32_t ModId, const char *ModName)
     const SPINLOCK_SCOPE Lock(Module.Lock);
 
     OV_SafeStrCopy(Module.Name, sizeof(Module.Name), ModName);
-    /* Marked as warned from the start, and meant so: no registered module is ever warned of a big
-     * block, and clearing the bit here would fill the system logs of agents that hold them. */
+    /* Marked as warned from the start, and meant so: a registered module is never warned of a big
+     * block. */
     Module.State.store(REGISTERED | PRINTED_BIG_SIZE_LOG, std::memory_order_release);
     return ModId;
 }

@@ -2,16 +2,16 @@
  * What the clients of the services on this machine share: connecting, and whole messages over the
  * stream.
  *
- * There is one loop that sends all of the bytes and one that receives
- * exactly so many, whatever portions the system moves. The callers differ in which errors they
- * repeat, so that is theirs to say: Retry(Error) gets each negative result and answers true to go
- * on at once, and may log. It is not asked about a result of 0, which always ends the loop.
+ * One loop sends all of the bytes and receives exactly so many, whatever portions the system moves.
+ * The callers differ in which errors they repeat, so that is theirs to say: Retry(Error) gets each
+ * negative result and answers true to go on at once, and may log. It is not asked about a result of
+ * 0, which always ends the loop.
  *
  *   result > 0        all of the bytes moved (also when there were none to move)
  *   result 0          end of stream, or a send that took nothing
  *   result negative   the error that Retry refused
  *
- * Some of the bytes may have moved before a failure. Both calls are cancellation points.
+ * Some of the bytes may have moved before a failure. All of it are cancellation points.
  */
 #ifndef ORVANE_SOCKET_INTERNAL_H
 #define ORVANE_SOCKET_INTERNAL_H
