@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <errno.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <netlink/attr.h>
@@ -14,14 +15,23 @@
 /* The highest route attribute that is looked for. */
 static constexpr int ROUTE_ATTRIBUTE_MAX = RTA_EXPIRES;
 
-static bool _IsLongEnough(const struct nlattr *Attribute, int Size)
+/* What a netio line may take; eight addresses of each family fit. */
+static constexpr size_t NETIO_TEXT_SIZE = 1024;
+
+static constexpr size_t UNION_OFFSET = offsetof(OV_RTC_MONITOR_NOTIFY, RouteNotify);
+
+bool _OV_RTCRecordHolds(const char *Kind, int Number, int Size, int Came)
 {
-    if (nla_len(Attribute) < Size) {
-        OV_LOG_ERROR("route attribute %d: expected %d bytes, %d came", nla_type(Attribute), Size,
-                     nla_len(Attribute));
+    if (Came < Size) {
+        OV_LOG_ERROR("%s %d: expected %d bytes, %d came", Kind, Number, Size, Came);
         return false;
     }
     return true;
+}
+
+bool _OV_RTCAttributeHolds(const struct nlattr *Attribute, int Size)
+{
+    return _OV_RTCRecordHolds("attribute", nla_type(Attribute), Size, nla_len(Attribute));
 }
 
 /* Leaves Text alone where there is no such attribute, and for an address that has no dotted text.
@@ -33,7 +43,7 @@ static bool _ReadAddress(struct nlattr *Attribute, int Family, char (&Text)[OV_R
     if (Attribute == nullptr) {
         return true;
     }
-    if (!_IsLongEnough(Attribute, Family == AF_INET6 ? 16 : 4)) {
+    if (!_OV_RTCAttributeHolds(Attribute, Family == AF_INET6 ? 16 : 4)) {
         return false;
     }
     inet_ntop(Family, nla_data(Attribute), Printed, sizeof(Printed));
@@ -46,7 +56,7 @@ static bool _ReadU32(struct nlattr *Attribute, uint32_t *Value)
     if (Attribute == nullptr) {
         return true;
     }
-    if (!_IsLongEnough(Attribute, sizeof(*Value))) {
+    if (!_OV_RTCAttributeHolds(Attribute, sizeof(*Value))) {
         return false;
     }
     *Value = nla_get_u32(Attribute);
@@ -105,4 +115,149 @@ bool _OV_RTCRouteNotifyBuild(struct nlmsghdr *Header, const MISSING_DESTINATION 
         _ReadNexthopName(Attributes[RTA_MULTIPATH], Route.ifName);
     }
     return true;
+}
+
+/* Notify has Size bytes. */
+static void _Fill(OV_RTC_MONITOR_NOTIFY *Notify, size_t Size, OV_RTC_MONITOR_TYPE Type,
+                  RECORD Record)
+{
+    memset(static_cast<void *>(Notify), 0, Size);
+    Notify->Type = Type;
+    memcpy(reinterpret_cast<uint8_t *>(Notify) + UNION_OFFSET, Record.data(), Record.size());
+}
+
+void _OV_RTCNotifyInit(OV_RTC_MONITOR_NOTIFY *Notify, OV_RTC_MONITOR_TYPE Type, RECORD Record)
+{
+    _Fill(Notify, sizeof(*Notify), Type, Record);
+}
+
+NOTIFY_SCOPE _OV_RTCNotifyAlloc(OV_RTC_MONITOR_TYPE Type, RECORD Record, size_t Extra)
+{
+    const size_t Size = sizeof(OV_RTC_MONITOR_NOTIFY) + Extra;
+    NOTIFY_SCOPE Notify(static_cast<OV_RTC_MONITOR_NOTIFY *>(OV_LibrtcMemAlloc(Size)));
+
+    if (Notify) {
+        _Fill(Notify.get(), Size, Type, Record);
+    }
+    return Notify;
+}
+
+OV_ERR_T _OV_RTCUrlFlowHandle(RECORD Record, NOTIFY_DELIVER Deliver)
+{
+    const RECORD Url = Record.subspan(sizeof(OV_FLOW_URL_NOTIFY_INFO));
+    const size_t Length = strnlen(reinterpret_cast<const char *>(Url.data()), Url.size());
+
+    if (Length == Url.size()) {
+        OV_LOG_ERROR("URL flow: expected a NUL within %zu bytes, none came", Length);
+        return -EBADMSG;
+    }
+    const NOTIFY_SCOPE Notify = _OV_RTCNotifyAlloc(
+        MONITOR_URL_FLOW, Record.first(sizeof(OV_FLOW_URL_NOTIFY_INFO) + Length + 1), Length + 1);
+    if (!Notify) {
+        return -ENOMEM;
+    }
+    Deliver(Notify.get());
+    return 0;
+}
+
+OV_ERR_T _OV_RTCReportHandle(RECORD Record, NOTIFY_DELIVER Deliver)
+{
+    OV_DP_REPORT_HEADER Header;
+
+    memcpy(&Header, Record.data(), sizeof(Header));
+    if (Header.DataLen < sizeof(Header) || Header.DataLen > Record.size()) {
+        OV_LOG_ERROR("data-path report: expected a DataLen of %zu to %zu, %u came", sizeof(Header),
+                     Record.size(), Header.DataLen);
+        return -EBADMSG;
+    }
+    const NOTIFY_SCOPE Notify =
+        _OV_RTCNotifyAlloc(MONITOR_DATAPATH, Record.first(Header.DataLen), Header.DataLen);
+    if (!Notify) {
+        return -ENOMEM;
+    }
+    Deliver(Notify.get());
+    return 0;
+}
+
+ADDRESS_TEXT _OV_RTCIp4Text(uint32_t Ip)
+{
+    const OV_IN_ADDR Address = {htonl(Ip)};
+    ADDRESS_TEXT Result;
+
+    OV_SafeStrFormatIp4Addr(Result.Text, sizeof(Result.Text), &Address);
+    return Result;
+}
+
+ADDRESS_TEXT _OV_RTCIp6Text(const uint8_t (&Ip)[16])
+{
+    OV_IN6_ADDR Address;
+    ADDRESS_TEXT Result;
+
+    memcpy(&Address, Ip, sizeof(Address));
+    OV_SafeStrFormatIp6Addr(Result.Text, sizeof(Result.Text), &Address);
+    return Result;
+}
+
+struct NETIO_TEXT {
+    char Text[NETIO_TEXT_SIZE];
+};
+
+/* Without the newline, which the log site adds. */
+static NETIO_TEXT _NetioText(const OV_NETIO_STATE_NOTIFY &Netio)
+{
+    const OV_CONF_IPMULTI &Ip4 = Netio.IfAddr.IpMul;
+    const OV_CONF_IP6MULTI &Ip6 = Netio.IfAddr.Ip6Mul;
+    NETIO_TEXT Result;
+    char *const Limit = Result.Text + sizeof(Result.Text);
+
+    char *End =
+        OV_SEPrintf(Result.Text, Limit,
+                    "recv netio notify(Type: %d WanId: %d LanId: %d IfName: %.*s NotifySeq: %u",
+                    Netio.Type, Netio.WanId, Netio.LanId, static_cast<int>(sizeof(Netio.IfName)),
+                    Netio.IfName, Netio.NotifySeq);
+    if (Netio.Type == OV_NETIO_NOTIFY_TYPE_IFSTATE) {
+        OV_SEPrintf(End, Limit, " ifstate: %s)", Netio.IfState != 0 ? "down" : "up");
+        return Result;
+    }
+    for (int Index = 0; Index < Ip4.IpCnt; Index++) {
+        End = OV_SEPrintf(End, Limit, " ipv4[%d]:%s/%u", Index, _OV_RTCIp4Text(Ip4.Ip[Index]).Text,
+                          Ip4.Mask[Index]);
+    }
+    for (int Index = 0; Index < Ip6.IpCnt; Index++) {
+        End = OV_SEPrintf(End, Limit, " ipv6[%d]:%s/%u", Index,
+                          _OV_RTCIp6Text(Ip6.Ip[Index].In6.U6Addr8).Text, Ip6.Mask[Index]);
+    }
+    OV_SEPrintf(End, Limit, ")");
+    return Result;
+}
+
+static OV_ERR_T _CheckNetio(const OV_NETIO_STATE_NOTIFY &Netio)
+{
+    const uint8_t Ip4Count = Netio.IfAddr.IpMul.IpCnt;
+    const uint8_t Ip6Count = Netio.IfAddr.Ip6Mul.IpCnt;
+
+    if (Netio.Type != OV_NETIO_NOTIFY_TYPE_IFSTATE && Netio.Type != OV_NETIO_NOTIFY_TYPE_IFADDR) {
+        OV_LOG_ERROR("Netio notify type %u is invalid", Netio.Type);
+        return -EINVAL;
+    }
+    if (Netio.Type == OV_NETIO_NOTIFY_TYPE_IFADDR &&
+        (Ip4Count > OV_CONF_IP_MAX || Ip6Count > OV_CONF_IP_MAX)) {
+        OV_LOG_ERROR("netio: expected at most %d addresses of a family, %u and %u came",
+                     OV_CONF_IP_MAX, Ip4Count, Ip6Count);
+        return -EBADMSG;
+    }
+    return 0;
+}
+
+OV_ERR_T _OV_RTCNetioHandle(RECORD Record, NOTIFY_DELIVER Deliver)
+{
+    OV_RTC_MONITOR_NOTIFY Notify;
+
+    _OV_RTCNotifyInit(&Notify, MONITOR_NETIO, Record.first(sizeof(OV_NETIO_STATE_NOTIFY)));
+    const OV_ERR_T Error = _CheckNetio(Notify.NetioNotify);
+    if (Error == 0) {
+        OV_LOG_INFO("%s", _NetioText(Notify.NetioNotify).Text);
+        Deliver(&Notify);
+    }
+    return Error;
 }
