@@ -27,6 +27,8 @@ static thread_local bool s_IsDelivering;
 
 int OV_RTCGenlMonitorInit(void)
 {
+    const MUTEX_SCOPE Control(s_ControlLock);
+
     if (s_IsDelivering || gs_MonitorEnable >= 1) {
         OV_LOG_ERROR("RTC monitor thread init already");
         return -EEXIST;
