@@ -5,6 +5,7 @@
 
 #include "linuxRtc.h"
 #include "linuxRtcBypass.h"
+#include "linuxRtcSockMonitor.h"
 #include "orvaneAssert.h"
 #include "orvaneDispatch.h"
 #include "orvaneDispatchClient.h"
