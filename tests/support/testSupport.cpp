@@ -197,6 +197,18 @@ STRINGS TakeLog()
     return std::exchange(gs_Log, {});
 }
 
+std::string TakeMessages(const std::string &Levels)
+{
+    std::string Messages;
+
+    for (const std::string &Line : TakeLog()) {
+        if (Contains(Levels, Line.substr(0, 1))) { /* a function's name has no hyphen */
+            Messages += Line.substr(0, 2) + Line.substr(Line.find(']', Line.find('-')) + 1);
+        }
+    }
+    return Messages;
+}
+
 ::testing::AssertionResult IsLogLine(const std::string &Line, const char *Level,
                                      const char *Function, const std::string &Message)
 {

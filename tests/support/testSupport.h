@@ -45,6 +45,10 @@ STRINGS TakeLog();
 ::testing::AssertionResult IsLogLine(const std::string &Line, const char *Level,
                                      const char *Function, const std::string &Message);
 
+/* The recorded messages of these levels ("13": info and error) without their prefix, the level's
+ * number ahead of each. The others are dropped. */
+std::string TakeMessages(const std::string &Levels);
+
 /* What went to the system log since the last call, "PRIORITY-NUMBER " ahead of each text. The
  * suites' own syslog takes it: nothing reaches the machine's. */
 STRINGS TakeSystemLog();
