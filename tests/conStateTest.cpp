@@ -215,7 +215,7 @@ TEST_F(ConState, EachRecordBecomesItsEventOrIsRefused)
     Add(REPORT, Report(7, "data"), 0, BadLength + "7 came\n");
     Add(REPORT, Report(13, "data"), 0, BadLength + "13 came\n");
     Add(FAMILY_RATE, Rate(0, 12297), 12296);
-    Add(SERVICE_RATE, Rate(900, 20000), 12296);
+    Add(SERVICE_RATE, Rate(900, 30000), 12296);
     Add(SERVICE_RATE, Rate(1, 4), 4);
     Add(SERVICE_RATE, Rate(0, 12296), 0);
     Add(SERVICE_RATE, "\1\2\1", 0, "3 Invalide ratelimit notify\n");
