@@ -95,6 +95,7 @@ class ConState : public testing::Test {
 
     void SetUp() override
     {
+        RecordLog();
         OV_LibrtcMemModuleRegister();
         ASSERT_EQ(OV_RTCGenlMonitorInit(), 0);
         ASSERT_EQ(OV_DispatchClientInit(), 0);
@@ -103,7 +104,6 @@ class ConState : public testing::Test {
         EXPECT_EQ(OV_RTCGenlMonitorRegCallback(Compare), 0);
         EXPECT_EQ(OV_RTCSockMonitorRegCallback(Compare), 0);
         EXPECT_EQ(OV_RTCSockMonitorRegCallback([](auto *) { return 0; }), 0); /* too late */
-        RecordLog();
     }
     void TearDown() override
     {
