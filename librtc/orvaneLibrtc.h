@@ -24,6 +24,7 @@
 #include "orvaneRtcConf.h"
 #include "orvaneRtcLibnl.h"
 #include "orvaneRtcNotify.h"
+#include "orvaneRtcRoute.h"
 #include "orvaneSafeStr.h"
 #include "orvaneSocket.h"
 #include "orvaneThread.h"
