@@ -22,6 +22,7 @@
 #include "orvanePlatformResult.h"
 #include "orvanePlatformSpinlock.h"
 #include "orvaneRtcConf.h"
+#include "orvaneRtcIpRule.h"
 #include "orvaneRtcLibnl.h"
 #include "orvaneRtcNotify.h"
 #include "orvaneRtcRoute.h"
