@@ -1,16 +1,30 @@
 #include "orvaneRtcLibnl.h"
 
-#include "orvaneLibrtcLog.h"
 #include "orvaneRtcLibnlInternal.h"
 
+#include <algorithm>
 #include <errno.h>
 #include <linux/netlink.h>
 #include <netlink/errno.h>
 #include <netlink/netlink.h>
 #include <netlink/socket.h>
+#include <stdio.h>
+#include <string.h>
 
 /* For a libnl error that has no counterpart; outside the range of errno. */
 static constexpr OV_ERR_T UNKNOWN_NL_ERROR = -254;
+
+/* Guards what this library does with libnl's cache manager, directly or through a rendering. */
+static OV_MUTEX_T s_CacheManagerLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+
+/* Where a rendering prints to. The stream is opened by the first one and stays: it is faster than
+ * libnl's own buffer, but not if each text opened one. All of it under s_CacheManagerLock. */
+static struct {
+    FILE *Stream;
+    char StreamBuffer[LIBNL_TEXT_SIZE];
+    char *Text; /* the caller's, LIBNL_TEXT_SIZE bytes, zeroed */
+    size_t Length;
+} s_Rendering;
 
 struct NL_ERROR {
     int NlError;
@@ -93,4 +107,90 @@ OV_ERR_T OV_RTCTranslateNlError(int NlError)
         }
     }
     return UNKNOWN_NL_ERROR;
+}
+
+OV_ERR_T _OV_RTCLibNlSessionOpen(LIBNL_SESSION *Session)
+{
+    struct nl_sock *Sock = nullptr;
+    const OV_ERR_T Error = OV_RTCLibNlSockAlloc(&Sock);
+
+    if (Error < 0) {
+        return Error;
+    }
+    Session->Sock.reset(Sock);
+    /* Which would be a call more a message: all of them fit libnl's buffer of four pages. */
+    nl_socket_disable_msg_peek(Sock);
+    return 0;
+}
+
+/* Takes all and keeps what fits before the NUL. */
+static ssize_t _AppendText(void * /*Cookie*/, const char *Bytes, size_t Size)
+{
+    const size_t Kept = std::min(Size, LIBNL_TEXT_SIZE - 1 - s_Rendering.Length);
+
+    memcpy(s_Rendering.Text + s_Rendering.Length, Bytes, Kept);
+    s_Rendering.Length += Kept;
+    return static_cast<ssize_t>(Size);
+}
+
+static FILE *_RenderingStream()
+{
+    if (s_Rendering.Stream == nullptr) {
+        s_Rendering.Stream = fopencookie(nullptr, "w", {nullptr, _AppendText, nullptr, nullptr});
+        if (s_Rendering.Stream != nullptr) {
+            setvbuf(s_Rendering.Stream, s_Rendering.StreamBuffer, _IOFBF,
+                    sizeof(s_Rendering.StreamBuffer));
+        }
+    }
+    return s_Rendering.Stream;
+}
+
+const char *_OV_RTCLibNlObjectText(struct nl_object *Object, char (&Text)[LIBNL_TEXT_SIZE])
+{
+    const MUTEX_SCOPE Lock(s_CacheManagerLock); /* libnl takes the names of links from a cache */
+    struct nl_dump_params Params = {};
+
+    memset(Text, 0, sizeof(Text));
+    s_Rendering.Text = Text;
+    s_Rendering.Length = 0;
+    Params.dp_fd = _RenderingStream();
+    if (Params.dp_fd != nullptr) {
+        nl_object_dump(Object, &Params);
+        fflush(Params.dp_fd);
+    }
+    return Text;
+}
+
+void _OV_RTCLibNlCacheProvide(const char *Kind, struct nl_cache *Cache)
+{
+    const MUTEX_SCOPE Lock(s_CacheManagerLock);
+
+    /* A second cache would push the first out of its place without dropping its reference. */
+    if (nl_cache_mngt_require(Kind) == nullptr) {
+        nl_cache_mngt_provide(Cache);
+    }
+}
+
+void _OV_RTCLibNlCacheFree(struct nl_cache *Cache)
+{
+    const MUTEX_SCOPE Lock(s_CacheManagerLock);
+
+    nl_cache_mngt_unprovide(Cache); /* does nothing to another one that is in the place */
+    nl_cache_free(Cache);
+}
+
+bool _OV_RTCIsConfAddrSet(int Family, const OV_CONF_IP_MASK &Address)
+{
+    static constexpr OV_IN6_ADDR None = {};
+
+    return Family == AF_INET6 ? memcmp(&Address.Ip6, &None, sizeof(None)) != 0 : Address.Ip != 0;
+}
+
+NL_ADDR_SCOPE _OV_RTCLibNlConfAddrBuild(int Family, const OV_CONF_IP_MASK &Address, uint8_t Mask)
+{
+    const uint32_t Ip = htonl(Address.Ip);
+
+    return NL_ADDR_SCOPE(
+        Family == AF_INET6 ? OV_RTCLibNlAddrBuild(AF_INET6, &Address.Ip6, sizeof(Address.Ip6), Mask)
+                           : OV_RTCLibNlAddrBuild(AF_INET, &Ip, sizeof(Ip), Mask));
 }

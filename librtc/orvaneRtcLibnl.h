@@ -15,6 +15,18 @@ struct nl_sock;
 
 OV_PUBLIC_BEGIN
 
+/* What a request is to do. Routes know add, replace and delete; rules know add and delete, and the
+ * dump is the filter that looks for one. */
+typedef enum _OV_RTC_LIBNL_OP_TYPE {
+    OV_RTC_LIBNL_OP_NONE = 0,
+    OV_RTC_LIBNL_OP_ADD = 1,
+    OV_RTC_LIBNL_OP_REPLACE = 2,
+    OV_RTC_LIBNL_OP_DEL = 3,
+    OV_RTC_LIBNL_OP_FLUSH = 4,
+    OV_RTC_LIBNL_OP_DUMP = 5,
+    OV_RTC_LIBNL_OP_TYPE_MAX = 6
+} OV_RTC_LIBNL_OP_TYPE;
+
 /* A connected routing socket with libnl's defaults, which the caller gives to OV_RTCLibNlSockFree
  * (null is ignored). Returns 0 or a negative errno value: *nlSock is then as it was. */
 OV_ERR_T OV_RTCLibNlSockAlloc(struct nl_sock **nlSock);
