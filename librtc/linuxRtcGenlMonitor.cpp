@@ -1,16 +1,94 @@
 #include "linuxRtcGenlMonitorInternal.h"
 
+#include "linuxRtcNotifyInternal.h"
+#include "orvaneGateInternal.h"
 #include "orvaneLibrtcLog.h"
+#include "orvaneRtcLibnlInternal.h"
+#include "orvaneRtcRoute.h"
 #include "orvaneScope.h"
 
 #include <atomic>
 #include <errno.h>
+#include <linux/if_bridge.h>
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+#include <netlink/attr.h>
+#include <netlink/genl/ctrl.h>
+#include <netlink/msg.h>
+#include <netlink/netlink.h>
+#include <netlink/socket.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
 
 static constexpr int CALLBACK_MAX = 16;
+static constexpr uint32_t EPOLL_ERROR_MASK = EPOLLERR | EPOLLHUP;
+
+/* Bursts of events wait in the receive buffer while callbacks run; what is sent is small. */
+static constexpr int RECEIVE_BUFFER_SIZE = 0x1E00000;
+static constexpr int SEND_BUFFER_SIZE = 0x100000;
+static constexpr size_t MESSAGE_BUFFER_SIZE = 0x1E00000;
+static constexpr size_t DUMP_REQUEST_SIZE = 1024;
+
+static constexpr unsigned ABSENT_CHECK_SECONDS = 3;
+static constexpr unsigned HEALTHY_CHECK_SECONDS = 15;
+static constexpr unsigned REBUILD_SECONDS = 10;
+static constexpr const char *CHECK_PROMPT = "ovcon";
+
+/* The highest attributes that are looked for. */
+static constexpr int LINK_ATTRIBUTE_MAX = 37;
+static constexpr int BRIDGE_PORT_ATTRIBUTE_MAX = 11;
+
+static constexpr MISSING_DESTINATION LIVE_MISSING_DESTINATION = {"0.0.0.0", "0.0.0.0"};
+
+enum _OV_NL_TYPE { OV_NL_ROUTE = 0, OV_NL_CON = 1, OV_NL_CHECK = 2 };
+
+/* How the sockets of the three types differ. */
+struct NETLINK_KIND {
+    int Protocol;
+    int Groups; /* joined as a mask */
+    const char *Family;
+    const char *Group; /* joined by name, in Family */
+    nl_recvmsg_msg_cb_t Parse;
+};
+
+static constexpr NETLINK_KIND NETLINK_KINDS[] = {
+    {NETLINK_ROUTE, RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE, nullptr, nullptr,
+     _RTCMonitorParseNlMsg},
+    {NETLINK_GENERIC, 0, OV_CON_FAMILY_NAME, OV_CON_GROUP_NAME, _RTCMonitorParseGenlMsg},
+    {NETLINK_GENERIC, 0, nullptr, nullptr, nullptr},
+};
+
+struct OV_RTC_MONITOR_SOCK {
+    struct nl_sock *Sock; /* null: the family is absent */
+    int32_t GroupId;
+};
 
 struct _OV_RTC_MONITOR {
     NotifyCallback callback; /* null: the slot is free */
 };
+
+/* Makes starts and stops take turns. Taken before the others. */
+static OV_MUTEX_T s_ControlLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+
+/* Held by the monitor thread and by the check thread whenever they are not in their waits, so
+ * during callbacks, and by the stop while it takes everything away. Guards what follows. */
+static OV_MUTEX_T s_WorkLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+static int gs_EpollFd = -1;
+static struct nl_sock *gs_NlSock; /* the routing socket; null: to be made (again) */
+static OV_RTC_MONITOR_SOCK gs_GenlSock;
+static struct nl_sock *s_CheckSock; /* made once, for all starts */
+static struct nl_sock *s_LostSock;  /* the last one whose descriptor somebody closed */
+static bool s_IsRouteSockLost;      /* so the check thread has to make gs_NlSock */
+static pthread_t gs_MonitorThreadId;
+static pthread_t gs_CheckThreadId; /* 0: none. A thread that is in neither has been stopped. */
+
+/* The threads in their waits, which a stop sees out before it closes what they wait on. */
+static GATE s_Waiters(true);
+
+/* Held in addition to change gs_NlSock, and alone to send on it. Taken last. */
+static OV_MUTEX_T s_SendLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 
 /* 1 while the monitor runs. Written by start and stop. */
 static std::atomic<int> gs_MonitorEnable;
@@ -19,53 +97,677 @@ static std::atomic<int> gs_MonitorEnable;
 static pthread_rwlock_t gs_MonitorListRWLock = PTHREAD_RWLOCK_INITIALIZER;
 static _OV_RTC_MONITOR gs_MonitorList[CALLBACK_MAX];
 
-/* Makes starts and stops take turns. */
-static OV_MUTEX_T s_ControlLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
-
-/* This thread is inside a callback: it would wait for itself in every operation on the table. */
+/* This thread is inside a callback, and would wait for itself in start, stop and registration. */
 static thread_local bool s_IsDelivering;
+
+static void _LeaveWait(void *)
+{
+    s_Waiters.Leave();
+}
+
+/* Lets go of the work for the time of a blocking wait, and tells what that returned (errno is
+ * kept). The one place where a stop ends a thread: a cancelled one leaves by the cleanup alone. */
+template <typename WAIT>
+static int _Wait(WAIT Blocking)
+{
+    int Result;
+    int Error;
+
+    s_Waiters.Enter();
+    OV_MutexUnlock(&s_WorkLock);
+    pthread_cleanup_push(_LeaveWait, nullptr);
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    Result = Blocking();
+    Error = errno;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    pthread_cleanup_pop(1);
+    OV_MutexLock(&s_WorkLock);
+    errno = Error;
+    return Result;
+}
+
+class LIST_WRITE_SCOPE {
+  public:
+    LIST_WRITE_SCOPE()
+    {
+        pthread_rwlock_wrlock(&gs_MonitorListRWLock);
+    }
+    ~LIST_WRITE_SCOPE()
+    {
+        pthread_rwlock_unlock(&gs_MonitorListRWLock);
+    }
+    LIST_WRITE_SCOPE(const LIST_WRITE_SCOPE &) = delete;
+    LIST_WRITE_SCOPE &operator=(const LIST_WRITE_SCOPE &) = delete;
+};
+
+/* ---- Events of the routing socket ---- */
+
+void _RTCMonitorNotify(OV_RTC_MONITOR_NOTIFY *NotifyInfo)
+{
+    pthread_rwlock_rdlock(&gs_MonitorListRWLock);
+    s_IsDelivering = true;
+    for (const _OV_RTC_MONITOR &Slot : gs_MonitorList) {
+        if (Slot.callback != nullptr && gs_MonitorEnable > 0) {
+            Slot.callback(NotifyInfo);
+        }
+    }
+    s_IsDelivering = false;
+    pthread_rwlock_unlock(&gs_MonitorListRWLock);
+}
+
+/* false: nothing is to be delivered. */
+static bool _ReadBridgePort(struct nlattr *Attribute, OV_KERNEL_LINK_NOTIFY *Link)
+{
+    struct nlattr *PortAttributes[BRIDGE_PORT_ATTRIBUTE_MAX + 1];
+
+    Link->Type = OV_NETIO_NOTIFY_TYPE_STPSTATE;
+    if (Attribute == nullptr) {
+        return true;
+    }
+    if (nla_parse_nested(PortAttributes, BRIDGE_PORT_ATTRIBUTE_MAX, Attribute, nullptr) < 0) {
+        OV_LOG_ERROR("Failed to nlmsg_parse_nested");
+        return false;
+    }
+    struct nlattr *State = PortAttributes[IFLA_BRPORT_STATE];
+    if (State != nullptr) {
+        if (!_OV_RTCAttributeHolds(State, sizeof(uint8_t))) {
+            return false;
+        }
+        Link->StpState = nla_get_u8(State);
+    }
+    return true;
+}
+
+static bool _ReadMtu(struct nlattr *Attribute, OV_KERNEL_LINK_NOTIFY *Link)
+{
+    Link->Type = OV_NETIO_NOTIFY_TYPE_IFMTU;
+    if (Attribute != nullptr) {
+        if (!_OV_RTCAttributeHolds(Attribute, sizeof(uint32_t))) {
+            return false;
+        }
+        Link->Mtu = static_cast<uint16_t>(nla_get_u32(Attribute)); /* the record has no more */
+    }
+    return true;
+}
+
+static void _RTCMonitorParseLinkMsg(struct nlmsghdr *Header)
+{
+    struct nlattr *Attributes[LINK_ATTRIBUTE_MAX + 1];
+    OV_RTC_MONITOR_NOTIFY Notify;
+    OV_KERNEL_LINK_NOTIFY &Link = Notify.LinkNotify;
+
+    if (nlmsg_parse(Header, sizeof(struct ifinfomsg), Attributes, LINK_ATTRIBUTE_MAX, nullptr) <
+        0) {
+        OV_LOG_ERROR("Failed to nlmsg_parse");
+        return;
+    }
+    memset(&Notify, 0, sizeof(Notify));
+    Notify.Type = MONITOR_LINK;
+    if (Attributes[IFLA_IFNAME] != nullptr) {
+        nla_strlcpy(Link.IfName, Attributes[IFLA_IFNAME], sizeof(Link.IfName));
+    }
+    if (static_cast<const struct ifinfomsg *>(nlmsg_data(Header))->ifi_family == AF_BRIDGE) {
+        if (!_ReadBridgePort(Attributes[IFLA_PROTINFO], &Link)) {
+            return;
+        }
+        OV_LOG_DEBUG("recv brport notify(Type: %d IfName: %s StpState %u", Link.Type, Link.IfName,
+                     Link.StpState);
+    } else {
+        if (!_ReadMtu(Attributes[IFLA_MTU], &Link)) {
+            return;
+        }
+        OV_LOG_DEBUG("recv brport notify(Type: %d IfName: %s Mtu %u", Link.Type, Link.IfName,
+                     Link.Mtu);
+    }
+    _RTCMonitorNotify(&Notify);
+}
+
+static void _RTCMonitorParseRouteMsg(struct nlmsghdr *Header)
+{
+    OV_RTC_MONITOR_NOTIFY Notify;
+
+    if (_OV_RTCRouteNotifyBuild(Header, LIVE_MISSING_DESTINATION, &Notify)) {
+        _RTCMonitorNotify(&Notify);
+    }
+}
+
+int _RTCMonitorParseNlMsg(struct nl_msg *Message, void *)
+{
+    struct nlmsghdr *Header = nlmsg_hdr(Message);
+
+    switch (Header->nlmsg_type) {
+    case NLMSG_ERROR:
+        OV_LOG_ERROR("csnnl: type error");
+        return -1;
+    case NLMSG_DONE:
+    case RTM_NEWADDR: /* its group is joined all the same */
+    case RTM_DELADDR:
+        break;
+    case RTM_NEWLINK:
+    case RTM_DELLINK:
+        _RTCMonitorParseLinkMsg(Header);
+        break;
+    case RTM_NEWROUTE:
+    case RTM_DELROUTE:
+        _RTCMonitorParseRouteMsg(Header);
+        break;
+    default:
+        OV_LOG_ERROR("OV_Monitor: unknown type %d", Header->nlmsg_type);
+        break;
+    }
+    return NL_OK;
+}
+
+/* ---- The sockets; all of it under s_WorkLock ---- */
+
+static int _RTCMonitorCreateEpoll()
+{
+    const int EpollFd = epoll_create1(EPOLL_CLOEXEC);
+
+    if (EpollFd < 0) {
+        perror("epoll_create");
+    }
+    return EpollFd;
+}
+
+/* SO_RCVBUF is cut to net.core.rmem_max without a word; with the right to it, it is forced. */
+static void _SetBufferSizes(struct nl_sock *Sock)
+{
+    static std::atomic_flag IsLogged = ATOMIC_FLAG_INIT;
+    const int Fd = nl_socket_get_fd(Sock);
+    int Size = 0;
+    socklen_t Length = sizeof(Size);
+
+    nl_socket_set_buffer_size(Sock, RECEIVE_BUFFER_SIZE, SEND_BUFFER_SIZE);
+    setsockopt(Fd, SOL_SOCKET, SO_RCVBUFFORCE, &RECEIVE_BUFFER_SIZE, sizeof(RECEIVE_BUFFER_SIZE));
+    getsockopt(Fd, SOL_SOCKET, SO_RCVBUF, &Size, &Length);
+    if (!IsLogged.test_and_set()) {
+        OV_LOG_WARN("netlink receive buffer: %d of %d bytes", Size / 2, /* told doubled */
+                    RECEIVE_BUFFER_SIZE);
+    }
+}
+
+/* Joins the group of the socket's family: its id, or negative. */
+static int _JoinGroup(struct nl_sock *Sock, const NETLINK_KIND &Kind)
+{
+    const int GroupId = genl_ctrl_resolve_grp(Sock, Kind.Family, Kind.Group);
+
+    if (GroupId < 0) {
+        OV_LOG_ERROR("genl_ctrl_resolve_grp failed(err: %d)", GroupId);
+        return GroupId;
+    }
+    const int NlError = nl_socket_add_memberships(Sock, GroupId, 0);
+    if (NlError != 0) {
+        OV_LOG_ERROR("nl_socket_add_membershipsfailed(err: %d)", NlError);
+        return -1;
+    }
+    return GroupId;
+}
+
+static struct nl_sock *_RTCMonitorCreateNetlink(_OV_NL_TYPE GenlNetlink)
+{
+    NL_SOCK_SCOPE Sock(nl_socket_alloc());
+
+    if (!Sock) {
+        OV_LOG_ERROR("nl_socket_allow failed");
+        return nullptr;
+    }
+    nl_socket_set_msg_buf_size(Sock.get(), MESSAGE_BUFFER_SIZE);
+    if (GenlNetlink > OV_NL_CHECK) {
+        OV_LOG_ERROR("not supoort %d type", GenlNetlink);
+        return nullptr;
+    }
+    const NETLINK_KIND &Kind = NETLINK_KINDS[GenlNetlink];
+    nl_join_groups(Sock.get(), Kind.Groups);
+    nl_socket_disable_seq_check(Sock.get()); /* what is multicast answers no request */
+    int NlError = nl_socket_modify_cb(Sock.get(), NL_CB_VALID, NL_CB_CUSTOM, Kind.Parse, nullptr);
+    if (NlError != 0) {
+        OV_LOG_ERROR("nl_socket_modify_cb failed(err: %d)", NlError);
+        return nullptr;
+    }
+    NlError = nl_connect(Sock.get(), Kind.Protocol);
+    if (NlError != 0) {
+        OV_LOG_ERROR("genl_connect failed(err: %d)", NlError);
+        return nullptr;
+    }
+    nl_socket_set_nonblocking(Sock.get());
+    _SetBufferSizes(Sock.get());
+    if (Kind.Family != nullptr) {
+        const int GroupId = _JoinGroup(Sock.get(), Kind);
+        if (GroupId < 0) {
+            return nullptr;
+        }
+        gs_GenlSock.GroupId = GroupId;
+        OV_LOG_WARN("ovcon: add groupid(%d) to members", GroupId);
+    }
+    return Sock.release();
+}
+
+static int _RTCMonitorEpollAdd(int EpollFd, struct nl_sock *Sock, int Add)
+{
+    const int Fd = nl_socket_get_fd(Sock);
+    struct epoll_event Event = {};
+
+    OV_LOG_WARN("%s %s socket(%d) to epoll(%d)", Add != 0 ? "add" : "remove",
+                gs_NlSock == nullptr || gs_NlSock == Sock ? "netlink-route" : "netlink-genl", Fd,
+                EpollFd);
+    Event.events = EPOLLIN;
+    Event.data.fd = Fd;
+    return epoll_ctl(EpollFd, Add != 0 ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, Fd, &Event);
+}
+
+static struct nl_sock *_RTCMonitorCreateNetlink2Epoll(_OV_NL_TYPE GenlNetlink)
+{
+    NL_SOCK_SCOPE Sock(_RTCMonitorCreateNetlink(GenlNetlink));
+
+    if (!Sock) {
+        OV_LOG_ERROR("_RTCMonitorCreateGenlNetlink failed(%d)", GenlNetlink);
+        return nullptr;
+    }
+    if (_RTCMonitorEpollAdd(gs_EpollFd, Sock.get(), 1) == -1) {
+        OV_LOG_ERROR("_RTCMonitorEpollAdd failed(%d)", GenlNetlink);
+        return nullptr;
+    }
+    return Sock.release();
+}
+
+static void _SetRouteSock(struct nl_sock *Sock)
+{
+    const MUTEX_SCOPE Send(s_SendLock);
+
+    gs_NlSock = Sock;
+}
+
+/* Whether somebody closed the socket's descriptor. Its object must then be given up and not freed:
+ * that would close what may be somebody else's file by now. */
+static bool _IsLost(struct nl_sock *Sock)
+{
+    struct sockaddr_nl Local = {};
+    socklen_t Length = sizeof(Local);
+
+    if (getsockname(nl_socket_get_fd(Sock), reinterpret_cast<struct sockaddr *>(&Local), &Length) ==
+            0 &&
+        Local.nl_family == AF_NETLINK && Local.nl_pid == nl_socket_get_local_port(Sock)) {
+        return false;
+    }
+    OV_LOG_ERROR("socket(%d) was closed under the monitor", nl_socket_get_fd(Sock));
+    s_LostSock = Sock;
+    return true;
+}
+
+static void _FreeSock(struct nl_sock *Sock)
+{
+    if (gs_EpollFd != -1) {
+        _RTCMonitorEpollAdd(gs_EpollFd, Sock, 0);
+    }
+    if (!_IsLost(Sock)) {
+        nl_socket_free(Sock);
+    }
+}
+
+static void _FreeGenlSock()
+{
+    _FreeSock(gs_GenlSock.Sock);
+    gs_GenlSock = {};
+}
+
+static void _RTCMonitorFreeNL()
+{
+    if (gs_NlSock != nullptr) {
+        const MUTEX_SCOPE Send(s_SendLock);
+        _FreeSock(gs_NlSock);
+        gs_NlSock = nullptr;
+    }
+    if (gs_GenlSock.Sock != nullptr) {
+        _FreeGenlSock();
+    }
+}
+
+static void _CloseEpoll()
+{
+    if (gs_EpollFd != -1) {
+        close(gs_EpollFd);
+        gs_EpollFd = -1;
+    }
+}
+
+/* On the routing socket. The payload is zero, so that the family byte reads AF_UNSPEC. */
+static void _SendDumpRequest(int Type)
+{
+    static constexpr char Payload[DUMP_REQUEST_SIZE] = {};
+    const CANCEL_SCOPE Whole;
+    const MUTEX_SCOPE Send(s_SendLock);
+
+    if (gs_NlSock == nullptr) {
+        return;
+    }
+    const int NlError = nl_send_simple(gs_NlSock, Type, NLM_F_REQUEST | NLM_F_DUMP,
+                                       const_cast<char *>(Payload), sizeof(Payload));
+    if (NlError < 0) {
+        OV_LOG_ERROR("nl_send_simple failed(err: %d)", NlError);
+    }
+}
+
+void OV_RTCMonitorSendAddrRequest(void)
+{
+    _SendDumpRequest(RTM_GETADDR);
+}
+
+/* ---- The monitor thread ---- */
+
+static bool _IsThread(pthread_t Thread)
+{
+    return pthread_equal(pthread_self(), Thread) != 0;
+}
+
+static void _Sleep(unsigned Seconds)
+{
+    _Wait([=] { return static_cast<int>(sleep(Seconds)); });
+}
+
+static bool _StartListening()
+{
+    gs_EpollFd = _RTCMonitorCreateEpoll();
+    if (gs_EpollFd < 0) {
+        perror("_RTCMonitorCreateEpoll failed\n");
+        return false;
+    }
+    _SetRouteSock(_RTCMonitorCreateNetlink2Epoll(OV_NL_ROUTE));
+    if (gs_NlSock == nullptr) {
+        perror("_RTCMonitorCreateNetlink2Epoll for NETLINK_ROUTE failed\n");
+        return false;
+    }
+    _SendDumpRequest(RTM_GETLINK); /* the answers are delivered like changes */
+    return true;
+}
+
+/* Sees to it that there is a routing socket; no links are asked for again. */
+static bool _RebuildRouteSock()
+{
+    if (gs_EpollFd < 0) {
+        gs_EpollFd = _RTCMonitorCreateEpoll();
+    }
+    if (gs_EpollFd < 0 || gs_NlSock != nullptr) {
+        return gs_EpollFd >= 0;
+    }
+    _SetRouteSock(_RTCMonitorCreateNetlink2Epoll(OV_NL_ROUTE));
+    if (gs_NlSock == nullptr) {
+        OV_LOG_ERROR("_RTCMonitorCreateNetlink2Epoll for NETLINK_ROUTE failed");
+        return false;
+    }
+    OV_LOG_WARN("csnnl: re-add netlink socket to epoll");
+    return true;
+}
+
+static void _Receive(int Fd)
+{
+    if (gs_NlSock != nullptr && Fd == nl_socket_get_fd(gs_NlSock)) {
+        const int NlError = nl_recvmsgs_default(gs_NlSock);
+        if (NlError < 0) {
+            OV_LOG_ERROR("nl_route nl_recvmsgs failed(rc: %d)", NlError);
+        }
+    }
+    if (gs_GenlSock.Sock != nullptr && Fd == nl_socket_get_fd(gs_GenlSock.Sock)) {
+        const int NlError = nl_recvmsgs_default(gs_GenlSock.Sock);
+        if (NlError < 0) {
+            OV_LOG_ERROR("nl_ovconn nl_recvmsgs failed(rc: %d)", NlError);
+        }
+    }
+}
+
+static void _HandleEvent(const struct epoll_event &Event)
+{
+    if ((Event.events & EPOLL_ERROR_MASK) == 0 && (Event.events & EPOLLIN) != 0) {
+        _Receive(Event.data.fd);
+        return;
+    }
+    OV_LOG_ERROR("csnnl: error occured(events: 0x%X, fd: %d)!", Event.events, Event.data.fd);
+    if ((Event.events & EPOLLIN) != 0) {
+        _RTCMonitorFreeNL();
+        return;
+    }
+    /* Nothing to read will take the error away: it would be reported for ever. */
+    int Error = 0;
+    socklen_t Length = sizeof(Error);
+    getsockopt(Event.data.fd, SOL_SOCKET, SO_ERROR, &Error, &Length);
+}
+
+static void _WaitForEvent()
+{
+    const int EpollFd = gs_EpollFd;
+    struct epoll_event Event = {};
+
+    const int Count = _Wait([&] { return epoll_wait(EpollFd, &Event, 1, -1); });
+    if (!_IsThread(gs_MonitorThreadId)) {
+        return; /* stopped: what there is now belongs to another start */
+    }
+    if (Count == 1) {
+        _HandleEvent(Event);
+    } else if (Count < 0 && errno != EINTR) {
+        OV_LOG_ERROR("epoll_wait on %d failed: %s", gs_EpollFd, strerror(errno));
+        gs_EpollFd = -1; /* closed by somebody: not ours to close any more */
+        _RTCMonitorFreeNL();
+    }
+}
+
+static void *_RTCMonitorThread(void *)
+{
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); /* but in _Wait */
+    const MUTEX_SCOPE Work(s_WorkLock);
+
+    if (!_IsThread(gs_MonitorThreadId)) {
+        return nullptr; /* stopped before it began */
+    }
+    if (_StartListening()) {
+        while (_IsThread(gs_MonitorThreadId) && gs_MonitorEnable > 0) {
+            if (_RebuildRouteSock()) {
+                _WaitForEvent();
+            } else {
+                _Sleep(REBUILD_SECONDS);
+            }
+        }
+    }
+    if (_IsThread(gs_MonitorThreadId)) {
+        _CloseEpoll();
+        _RTCMonitorFreeNL();
+    }
+    return nullptr;
+}
+
+/* ---- The check thread ---- */
+
+/* A socket that was closed is gone from epoll without an event: the monitor thread would wait for
+ * ever. */
+static void _ReplaceLostSocks()
+{
+    if (gs_NlSock != nullptr && _IsLost(gs_NlSock)) {
+        _SetRouteSock(nullptr);
+        s_IsRouteSockLost = true;
+    }
+    if (s_IsRouteSockLost) {
+        s_IsRouteSockLost = !_RebuildRouteSock();
+    }
+    if (gs_GenlSock.Sock != nullptr && _IsLost(gs_GenlSock.Sock)) {
+        gs_GenlSock = {};
+    }
+    if (s_CheckSock != nullptr && _IsLost(s_CheckSock)) {
+        s_CheckSock = nullptr;
+    }
+}
+
+/* The family may be another one with the same group by now, which does not have us as a member;
+ * when it is the same one, joining again changes nothing. */
+static void _RejoinGroup()
+{
+    const int NlError = nl_socket_add_membership(gs_GenlSock.Sock, gs_GenlSock.GroupId);
+
+    if (NlError < 0) {
+        OV_LOG_ERROR("nl_socket_add_membership failed(err: %d)", NlError);
+    }
+}
+
+/* Returns the seconds until the next check. */
+static unsigned _RTCMonitorCheckOVConSock(_OV_NL_TYPE GenlNetlink, struct nl_sock *CheckSock)
+{
+    if (GenlNetlink != OV_NL_CON) {
+        return ABSENT_CHECK_SECONDS;
+    }
+    const int GroupId = genl_ctrl_resolve_grp(CheckSock, OV_CON_FAMILY_NAME, OV_CON_GROUP_NAME);
+    if (GroupId < 0) {
+        if (gs_GenlSock.Sock != nullptr) {
+            OV_LOG_WARN("%s: Genl socket check error", CHECK_PROMPT);
+            _FreeGenlSock();
+            OV_LOG_WARN("%s: Del Genl socket from epoll", CHECK_PROMPT);
+        }
+        return ABSENT_CHECK_SECONDS;
+    }
+    if (gs_GenlSock.Sock != nullptr) {
+        if (gs_GenlSock.GroupId == GroupId) {
+            _RejoinGroup();
+            return HEALTHY_CHECK_SECONDS;
+        }
+        OV_LOG_WARN("%s: Genl socket groupid changed(pre: %d, cur: %d) ok", CHECK_PROMPT,
+                    gs_GenlSock.GroupId, GroupId);
+        _FreeGenlSock();
+    }
+    OV_LOG_WARN("%s: Genl socket check ok", CHECK_PROMPT);
+    gs_GenlSock.Sock = _RTCMonitorCreateNetlink2Epoll(OV_NL_CON);
+    if (gs_GenlSock.Sock == nullptr) {
+        gs_GenlSock = {};
+        OV_LOG_ERROR("_RTCMonitorCreateNetlink2Epoll for NETLINK_GENL failed");
+        return ABSENT_CHECK_SECONDS;
+    }
+    OV_LOG_WARN("%s: Add Genl socket to epoll", CHECK_PROMPT);
+    return HEALTHY_CHECK_SECONDS;
+}
+
+static unsigned _Check(unsigned Interval)
+{
+    if (gs_EpollFd < 0) {
+        return Interval;
+    }
+    _ReplaceLostSocks();
+    if (s_CheckSock == nullptr) {
+        s_CheckSock = _RTCMonitorCreateNetlink(OV_NL_CHECK);
+    }
+    return s_CheckSock != nullptr ? _RTCMonitorCheckOVConSock(OV_NL_CON, s_CheckSock) : Interval;
+}
+
+static void *_RTCMonitorCheckThread(void *)
+{
+    unsigned Interval = ABSENT_CHECK_SECONDS;
+
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); /* but in _Wait */
+    const MUTEX_SCOPE Work(s_WorkLock);
+    while (_IsThread(gs_CheckThreadId)) {
+        Interval = _Check(Interval);
+        _Sleep(Interval);
+    }
+    return nullptr;
+}
+
+/* ---- Start, stop, callbacks ---- */
+
+/* For what waits for the delivery to end, and so for ever when a callback asks for it. */
+static bool _RefuseInCallback(const char *Operation)
+{
+    if (s_IsDelivering) {
+        OV_LOG_ERROR("%s: not from a callback", Operation);
+    }
+    return s_IsDelivering;
+}
+
+/* The stop does not wait for the thread itself; it is joined by nobody. */
+static void _CancelThread(pthread_t *Thread)
+{
+    if (*Thread != 0) {
+        pthread_cancel(*Thread);
+        pthread_detach(*Thread);
+        *Thread = 0;
+    }
+}
+
+static void _StartThread(pthread_t *Thread, void *(*Body)(void *))
+{
+    const int Error = pthread_create(Thread, nullptr, Body, nullptr);
+
+    if (Error != 0) {
+        *Thread = 0;
+        OV_LOG_ERROR("pthread_create failed: %s", strerror(Error));
+    }
+}
 
 int OV_RTCGenlMonitorInit(void)
 {
+    if (s_IsDelivering) { /* it runs, then, or is being stopped by who waits for this callback */
+        OV_LOG_ERROR("RTC monitor thread init already");
+        return -EEXIST;
+    }
+    const CANCEL_SCOPE Whole;
     const MUTEX_SCOPE Control(s_ControlLock);
-
-    if (s_IsDelivering || gs_MonitorEnable >= 1) {
+    if (gs_MonitorEnable >= 1) {
         OV_LOG_ERROR("RTC monitor thread init already");
         return -EEXIST;
     }
     gs_MonitorEnable = 1;
-    return 0;
+    const OV_ERR_T Error = OV_RTCRouteInit();
+    if (Error < 0) { /* the stop is still due, and the next start refused until then */
+        OV_LOG_ERROR("OV_RTCRouteInit failed(ret = %d).", Error);
+        return Error;
+    }
+    const MUTEX_SCOPE Work(s_WorkLock); /* the threads wait until both have their places */
+    _StartThread(&gs_MonitorThreadId, _RTCMonitorThread);
+    _StartThread(&gs_CheckThreadId, _RTCMonitorCheckThread);
+    return Error;
 }
 
 int OV_RTCGenlMonitorUninit(void)
 {
+    if (_RefuseInCallback(__func__)) {
+        return -EDEADLK;
+    }
+    const CANCEL_SCOPE Whole;
+    const MUTEX_SCOPE Control(s_ControlLock);
     if (gs_MonitorEnable == 0) {
         return 0;
     }
-    gs_MonitorEnable = 0;
-    pthread_rwlock_wrlock(&gs_MonitorListRWLock);
+    gs_MonitorEnable = 0; /* ends the delivery of what was received already */
+    {
+        const MUTEX_SCOPE Work(s_WorkLock);
+        _CancelThread(&gs_CheckThreadId);
+        _CancelThread(&gs_MonitorThreadId);
+        s_Waiters.WaitUntilEmpty();
+        _CloseEpoll();
+        _RTCMonitorFreeNL();
+        s_IsRouteSockLost = false;
+    }
+    OV_RTCRouteRelease();
+    const LIST_WRITE_SCOPE List;
     for (_OV_RTC_MONITOR &Slot : gs_MonitorList) {
         Slot.callback = nullptr;
     }
-    pthread_rwlock_unlock(&gs_MonitorListRWLock);
     return 0;
 }
 
 int OV_RTCGenlMonitorRegCallback(NotifyCallback Callback)
 {
-    if (gs_MonitorEnable == 0) {
+    int RegId = -ENOENT;
+
+    if (_RefuseInCallback(__func__)) {
+        return -EDEADLK;
+    }
+    const CANCEL_SCOPE Whole;
+    const LIST_WRITE_SCOPE List;
+    if (gs_MonitorEnable == 0) { /* also when a stop has just emptied the table */
         return -1;
     }
-    pthread_rwlock_wrlock(&gs_MonitorListRWLock);
-    for (int Id = 0; Id < CALLBACK_MAX; Id++) {
+    for (int Id = 0; Id < CALLBACK_MAX && RegId < 0; Id++) {
         if (gs_MonitorList[Id].callback == nullptr) {
             gs_MonitorList[Id].callback = Callback;
-            pthread_rwlock_unlock(&gs_MonitorListRWLock);
-            return Id;
+            RegId = Id;
         }
     }
-    pthread_rwlock_unlock(&gs_MonitorListRWLock);
-    return -ENOENT;
+    return RegId;
 }
 
 int OV_RTCGenlMonitorUnregCallback(int RegId)
@@ -76,21 +778,11 @@ int OV_RTCGenlMonitorUnregCallback(int RegId)
     if (gs_MonitorEnable == 0) {
         return -ENOENT;
     }
-    pthread_rwlock_wrlock(&gs_MonitorListRWLock);
-    gs_MonitorList[RegId].callback = nullptr;
-    pthread_rwlock_unlock(&gs_MonitorListRWLock);
-    return 0;
-}
-
-void _RTCMonitorNotify(OV_RTC_MONITOR_NOTIFY *NotifyInfo)
-{
-    pthread_rwlock_rdlock(&gs_MonitorListRWLock);
-    s_IsDelivering = true;
-    for (const _OV_RTC_MONITOR &Slot : gs_MonitorList) {
-        if (Slot.callback != nullptr) {
-            Slot.callback(NotifyInfo);
-        }
+    if (_RefuseInCallback(__func__)) {
+        return -EDEADLK;
     }
-    s_IsDelivering = false;
-    pthread_rwlock_unlock(&gs_MonitorListRWLock);
+    const CANCEL_SCOPE Whole;
+    const LIST_WRITE_SCOPE List;
+    gs_MonitorList[RegId].callback = nullptr;
+    return 0;
 }

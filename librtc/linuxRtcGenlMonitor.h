@@ -4,9 +4,9 @@
  *
  * Its monitor thread hears link and IPv4 route changes, and the module's generic-netlink family
  * "ov_con_family" while that exists; its check thread looks for the family every 3 seconds, and
- * every 15 once it is joined. After the start all links are delivered once. Kernel events that came
- * faster than the callbacks took them, beyond 30 MiB, are lost: the log says "csnnl: error
- * occured".
+ * every 15 once it is joined. Right after the start all links are delivered, to whoever has
+ * registered by then. Kernel events that came faster than the callbacks took them, beyond 30 MiB,
+ * are lost: the log says "csnnl: error occured".
  *
  * Callbacks run on the monitor thread, one event at a time, in the order of their ids. A callback
  * delays all events after it. It must not start, stop, register or unregister: that is refused with

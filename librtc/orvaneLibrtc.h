@@ -5,6 +5,8 @@
 
 #include "linuxRtc.h"
 #include "linuxRtcBypass.h"
+#include "linuxRtcGenlMonitor.h"
+#include "linuxRtcMonitor.h"
 #include "linuxRtcSockMonitor.h"
 #include "orvaneAssert.h"
 #include "orvaneDispatch.h"
