@@ -2,10 +2,12 @@
  * read beyond what arrived, an event that differs from what was sent, a good message lost after a
  * bad one, memory kept; the states that are sent back; the route dump. */
 #include "linuxRtcGenlFamilyInternal.h"
+#include "linuxRtcMonitor.h"
 #include "linuxRtcSockMonitor.h"
 #include "loopbackServer.h"
 #include "netlinkMessage.h"
 #include "orvaneDispatchClient.h"
+#include "orvaneLibrtcLog.h"
 #include "orvaneLibrtcMem.h"
 #include "orvaneRtcLibnlInternal.h"
 #include "testSupport.h"
@@ -96,23 +98,26 @@ class ConState : public testing::Test {
     void SetUp() override
     {
         RecordLog();
+        OV_AgentLogOps()->LimitLevel = OV_AGENT_LOG_LEVEL_INFO; /* not what the links do */
         OV_LibrtcMemModuleRegister();
-        ASSERT_EQ(OV_RTCGenlMonitorInit(), 0);
         ASSERT_EQ(OV_DispatchClientInit(), 0);
-        ASSERT_EQ(OV_RTCSockMonitorInit(), 0);
-        EXPECT_EQ(OV_RTCSockMonitorInit(), -EBADE);
-        EXPECT_EQ(OV_RTCGenlMonitorRegCallback(Compare), 0);
-        EXPECT_EQ(OV_RTCSockMonitorRegCallback(Compare), 0);
+        ASSERT_EQ(OV_RTCMonitorInit(), 0);
+        EXPECT_EQ(OV_RTCMonitorInit(), -EBADE);
+        EXPECT_EQ(OV_RTCMonitorRegCallback(Compare), 0);
         EXPECT_EQ(OV_RTCSockMonitorRegCallback([](auto *) { return 0; }), 0); /* too late */
+        STRINGS Started; /* its last line is about its socket */
+        EXPECT_TRUE(WaitUntil([&] {
+            Started = TakeLog();
+            return !Started.empty() && Contains(Started.back(), "]add netlink-route socket");
+        }));
     }
     void TearDown() override
     {
         char Usage[64];
-        OV_RTCSockMonitorUnregCallback();
-        OV_RTCSockMonitorExit();
+        EXPECT_EQ(OV_RTCMonitorUnregCallback(15), 0); /* the other monitor's, for any id */
+        EXPECT_EQ(OV_RTCMonitorUninit(), 0);
         EXPECT_EQ(OV_DispatchClientGetModuleFunc(13), nullptr);
         OV_DispatchClientExit();
-        OV_RTCGenlMonitorUninit();
         OV_LibrtcMemGetUsage(Usage, sizeof(Usage));
         EXPECT_STREQ(Usage, "[MEMINFO]LIBRTC:Counter=0,Size=0\n");
     }
@@ -186,7 +191,7 @@ TEST_F(ConState, EachRecordBecomesItsEventOrIsRefused)
     nl_socket_modify_cb(Sock.get(), NL_CB_VALID, NL_CB_CUSTOM, _RTCMonitorParseGenlMsg, nullptr);
     nl_socket_set_msg_buf_size(Sock.get(), 1U << 16);
     /* The service returns what is sent to it. */
-    Check([&] { OV_RTCSockMonitorSendPtxNotify(&Sent); }, {BytesOf(SERVICE_CONN.Event) + Conn4},
+    Check([&] { OV_RTCMonitorGenlSendPtxNotify(&Sent); }, {BytesOf(SERVICE_CONN.Event) + Conn4},
           ServiceLine);
     EXPECT_TRUE(WaitUntil([&] { return Echoed == 68; }));
     Add(NETIO, Netio(0, 9, 0), 208, "1 recv netio notify(Type: 0" + Names + " ifstate: down)\n");
