@@ -1,7 +1,5 @@
-/*
- * Each row is a ratio: our way against what one would do by hand, alternating in one run so that a
- * noisy machine falls on both. The median of the rounds counts. Runs inside simulator/sandbox.sh.
- */
+/* The tool, the log and the common layer. Runs inside simulator/sandbox.sh. */
+#include "benchmark.h"
 #include "boardModel.h"
 #include "linuxRtc.h"
 #include "orvaneDispatchClient.h"
@@ -11,26 +9,11 @@
 #include "orvaneMem.h"
 #include "orvaneMemPool.h"
 #include "orvanePlatformRcu.h"
-#include "orvaneRtcIpRule.h"
-#include "orvaneRtcRoute.h"
 #include "orvaneSafeStr.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
-#include <functional>
-#include <linux/fib_rules.h>
-#include <linux/netlink.h>
-#include <linux/rtnetlink.h>
-#include <net/if.h>
 #include <netinet/in.h>
-#include <netlink/addr.h>
-#include <netlink/cache.h>
-#include <netlink/netlink.h>
-#include <netlink/route/nexthop.h>
-#include <netlink/route/route.h>
-#include <netlink/route/rule.h>
-#include <netlink/socket.h>
 #include <poll.h>
 #include <spawn.h>
 #include <stdio.h>
@@ -41,57 +24,10 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
-#include <time.h>
 #include <unistd.h>
 #include <vector>
 
 static constexpr const char *BOARD_PATH = "/tmp/board";
-
-static double Seconds()
-{
-    struct timespec Now;
-
-    clock_gettime(CLOCK_MONOTONIC, &Now);
-    return static_cast<double>(Now.tv_sec) + static_cast<double>(Now.tv_nsec) / 1e9;
-}
-
-static double Median(std::vector<double> Values)
-{
-    std::sort(Values.begin(), Values.end());
-    return Values[Values.size() / 2];
-}
-
-using WORK = std::function<void(int Count)>;
-
-/* Count is the work of one round; each way does it Rounds times. Undo, if there is one, follows
- * each of them and is not timed. */
-static void Row(const char *Name, int Count, int Rounds, double Target, const WORK &Ours,
-                const WORK &Theirs, const WORK &Undo = nullptr)
-{
-    std::vector<double> OurTimes;
-    std::vector<double> TheirTimes;
-    const auto Time = [&](const WORK &Work) {
-        const double Start = Seconds();
-        Work(Count);
-        const double Used = Seconds() - Start;
-        if (Undo) {
-            Undo(Count);
-        }
-        return Used / Count;
-    };
-
-    Time(Ours);
-    Time(Theirs);
-    for (int Round = 0; Round < Rounds; Round++) {
-        OurTimes.push_back(Time(Ours));
-        TheirTimes.push_back(Time(Theirs));
-    }
-    const double Mine = Median(OurTimes);
-    const double Other = Median(TheirTimes);
-    printf("%-58s %8d %10.3f us %10.3f us %6.3g  (at most %.3g)%s\n", Name, Count, Mine * 1e6,
-           Other * 1e6, Mine / Other, Target, Mine / Other <= Target ? "" : "  MISSED");
-    fflush(stdout);
-}
 
 static std::string BuildFolder()
 {
@@ -518,251 +454,9 @@ static void BenchExchanges()
                    }});
 }
 
-/* A command, without a shell around it. */
-static void RunCommand(const std::vector<std::string> &Words)
-{
-    std::vector<char *> Arguments;
-    pid_t Process;
-    int Status = -1;
-
-    for (const std::string &Word : Words) {
-        Arguments.push_back(const_cast<char *>(Word.c_str()));
-    }
-    Arguments.push_back(nullptr);
-    if (posix_spawnp(&Process, Arguments[0], nullptr, nullptr, Arguments.data(), environ) != 0 ||
-        waitpid(Process, &Status, 0) != Process || Status != 0) {
-        fprintf(stderr, "%s did not succeed\n", Words[0].c_str());
-        exit(1);
-    }
-}
-
-/* Lines for "ip -batch". */
-static std::string BatchFile(const std::string &Path, int Count,
-                             const std::function<std::string(uint32_t Index)> &Line)
-{
-    FILE *Stream = fopen(Path.c_str(), "we");
-
-    for (int Index = 0; Index < Count; Index++) {
-        fprintf(Stream, "%s\n", Line(static_cast<uint32_t>(Index)).c_str());
-    }
-    fclose(Stream);
-    return Path;
-}
-
-static constexpr uint32_t GATEWAY = 0x0A000002;
-static constexpr uint8_t PREFIX_LENGTH = 24;
-
-/* The destination of the route with that index, in host byte order. */
-static uint32_t Destination(uint32_t Index)
-{
-    return 0x0B000000 + (Index << 8);
-}
-
-static std::string DestinationText(uint32_t Index)
-{
-    const OV_IN_ADDR Address = {htonl(Destination(Index))};
-    char Text[INET_ADDRSTRLEN];
-
-    OV_SafeStrFormatIp4Addr(Text, sizeof(Text), &Address);
-    return Text + ("/" + std::to_string(PREFIX_LENGTH));
-}
-
-static void AddRoutes(int Count, const char *IfName)
-{
-    for (int Index = 0; Index < Count; Index++) {
-        OV_RTC_ROUTE_CONF Route = {};
-        Route.TargetIp.Ip = Destination(static_cast<uint32_t>(Index));
-        Route.TargetIp.Mask = PREFIX_LENGTH;
-        Route.NexthopNum = 1;
-        Route.Nexthop[0].Ip = GATEWAY;
-        OV_SafeStrCopy(Route.IfName[0], sizeof(Route.IfName[0]), IfName);
-        if (OV_RTCRouteAdd(&Route) != 0) {
-            abort();
-        }
-    }
-}
-
-static struct nl_addr *AddressByHand(uint32_t HostOrder, int PrefixLength)
-{
-    const uint32_t Ip = htonl(HostOrder);
-    struct nl_addr *Address = nl_addr_build(AF_INET, &Ip, sizeof(Ip));
-
-    nl_addr_set_prefixlen(Address, PrefixLength);
-    return Address;
-}
-
-static struct nl_sock *SocketByHand()
-{
-    struct nl_sock *Socket = nl_socket_alloc();
-
-    if (nl_connect(Socket, NETLINK_ROUTE) != 0) {
-        abort();
-    }
-    return Socket;
-}
-
-static void AddRoutesByHand(int Count, const char *IfName)
-{
-    for (int Index = 0; Index < Count; Index++) {
-        struct nl_sock *Socket = SocketByHand();
-        struct rtnl_route *Route = rtnl_route_alloc();
-        struct rtnl_nexthop *Nexthop = rtnl_route_nh_alloc();
-        struct nl_addr *Address =
-            AddressByHand(Destination(static_cast<uint32_t>(Index)), PREFIX_LENGTH);
-        struct nl_addr *Gateway = AddressByHand(GATEWAY, 32);
-
-        rtnl_route_set_protocol(Route, RTPROT_BOOT);
-        rtnl_route_set_type(Route, RTN_UNICAST);
-        rtnl_route_set_scope(Route, RT_SCOPE_UNIVERSE);
-        rtnl_route_set_family(Route, AF_INET);
-        rtnl_route_set_dst(Route, Address);
-        if (*IfName != '\0') {
-            rtnl_route_nh_set_ifindex(Nexthop, static_cast<int>(if_nametoindex(IfName)));
-        }
-        rtnl_route_nh_set_gateway(Nexthop, Gateway);
-        rtnl_route_add_nexthop(Route, Nexthop);
-        if (rtnl_route_add(Socket, Route, NLM_F_EXCL) != 0) {
-            abort();
-        }
-        nl_addr_put(Gateway);
-        nl_addr_put(Address);
-        rtnl_route_put(Route);
-        nl_socket_free(Socket);
-    }
-}
-
-static void DeleteRoutes(int /*Count*/)
-{
-    RunCommand({"ip", "route", "flush", "proto", "boot"});
-}
-
-/* A call opens a socket of its own; ip takes one for a whole batch, but has to start first. */
-static void BenchRoutes(const char *BackEnd, double Target)
-{
-    for (const char *IfName : {"", "bench0"}) {
-        const std::string Name = std::string("OV_RTCRouteAdd") +
-                                 (*IfName ? " with interface" : "") + ", " + BackEnd +
-                                 " / libnl by hand";
-        for (const int Count : {100, 1000, 10000}) {
-            Row(
-                Name.c_str(), Count, 21, Target, [&](int Routes) { AddRoutes(Routes, IfName); },
-                [&](int Routes) { AddRoutesByHand(Routes, IfName); }, DeleteRoutes);
-        }
-    }
-    for (const int Count : {100, 1000, 10000}) {
-        const std::string Batch = BatchFile("/tmp/routes", Count, [](uint32_t Index) {
-            return "route add " + DestinationText(Index) + " via 10.0.0.2";
-        });
-        Row((std::string("OV_RTCRouteAdd, ") + BackEnd + " / ip -batch").c_str(), Count, 11, 1.0,
-            [](int Routes) { AddRoutes(Routes, ""); },
-            [&](int /*Routes*/) {
-                RunCommand({"ip", "-batch", Batch});
-            },
-            DeleteRoutes);
-    }
-    for (const int Count : {10, 100}) {
-        Row((std::string("OV_RTCRouteAdd, ") + BackEnd + " / ip route add").c_str(), Count, 11,
-            1.0 / 150, [](int Routes) { AddRoutes(Routes, ""); },
-            [](int Routes) {
-                for (int Index = 0; Index < Routes; Index++) {
-                    RunCommand({"ip", "route", "add", DestinationText(static_cast<uint32_t>(Index)),
-                                "via", "10.0.0.2"});
-                }
-            },
-            DeleteRoutes);
-    }
-}
-
-static constexpr uint16_t FIRST_PRIORITY = 20000;
-
-static void ChangeRules(int Count, OV_ERR_T (*Change)(const OV_RTC_IP_RULE_CONF *))
-{
-    for (int Index = 0; Index < Count; Index++) {
-        OV_RTC_IP_RULE_CONF Rule = {};
-        Rule.Priority = static_cast<uint16_t>(FIRST_PRIORITY + Index);
-        Rule.TableId = 100;
-        Rule.SrcPrefix.Ip = Destination(static_cast<uint32_t>(Index));
-        Rule.SrcPrefix.Mask = PREFIX_LENGTH;
-        if (Change(&Rule) != 0) {
-            abort();
-        }
-    }
-}
-
-static void AddRulesByHand(int Count)
-{
-    for (int Index = 0; Index < Count; Index++) {
-        struct nl_sock *Socket = SocketByHand();
-        struct rtnl_rule *Rule = rtnl_rule_alloc();
-        struct nl_addr *Source =
-            AddressByHand(Destination(static_cast<uint32_t>(Index)), PREFIX_LENGTH);
-        struct nl_cache *Cache = nullptr;
-
-        if (rtnl_rule_alloc_cache(Socket, AF_UNSPEC, &Cache) != 0) {
-            abort();
-        }
-        rtnl_rule_set_action(Rule, FR_ACT_TO_TBL);
-        rtnl_rule_set_prio(Rule, static_cast<uint32_t>(FIRST_PRIORITY + Index));
-        rtnl_rule_set_table(Rule, 100);
-        rtnl_rule_set_family(Rule, AF_INET);
-        rtnl_rule_set_src(Rule, Source);
-        if (rtnl_rule_add(Socket, Rule, NLM_F_EXCL) != 0) {
-            abort();
-        }
-        nl_addr_put(Source);
-        rtnl_rule_put(Rule);
-        nl_cache_free(Cache);
-        nl_socket_free(Socket);
-    }
-}
-
-/* Each call reads all rules first: what it takes grows with their number. */
-static void BenchRules(const char *BackEnd, double Target)
-{
-    for (const int Present : {10, 100, 1000}) {
-        const std::string Name = std::string("OV_RTCIpRuleAdd, ") + BackEnd + ", " +
-                                 std::to_string(Present) + " rules / libnl by hand";
-        const auto Line = [](const char *Verb) {
-            return [Verb](uint32_t Index) {
-                return std::string("rule ") + Verb + " from " + DestinationText(Index) +
-                       " priority " + std::to_string(1000 + Index) + " table 7";
-            };
-        };
-
-        RunCommand({"ip", "-batch", BatchFile("/tmp/rules", Present, Line("add"))});
-        Row(
-            Name.c_str(), 10, 21, Target, [](int Count) { ChangeRules(Count, OV_RTCIpRuleAdd); },
-            AddRulesByHand, [](int Count) { ChangeRules(Count, OV_RTCIpRuleDel); });
-        RunCommand({"ip", "-batch", BatchFile("/tmp/rules", Present, Line("del"))});
-    }
-}
-
-static void BenchNetlink()
-{
-    RunCommand({"ip", "link", "add", "bench0", "type", "veth", "peer", "name", "bench1"});
-    RunCommand({"ip", "link", "set", "bench0", "up"});
-    RunCommand({"ip", "link", "set", "bench1", "up"});
-    RunCommand({"ip", "address", "add", "10.0.0.1/24", "dev", "bench0"});
-    for (const bool IsLogged : {true, false}) {
-        const char *BackEnd = IsLogged ? "logged" : "no log";
-        const double Target = IsLogged ? 1 / 0.8 : 1 / 0.95;
-
-        if (IsLogged) {
-            if (OV_AgentFileLogCtor("/tmp/routes.log") != 0) {
-                abort();
-            }
-        } else {
-            OV_AgentLogDtor();
-            OV_AgentCustomLogCtor(nullptr, nullptr);
-        }
-        BenchRoutes(BackEnd, Target);
-        BenchRules(BackEnd, Target);
-    }
-}
-
 int main()
 {
-    printf("%-58s %8s %13s %13s %6s\n", "ours / by hand", "count", "ours", "by hand", "ratio");
+    PrintHeading();
     BenchTool();
     BenchCommand();
     BenchLog();
@@ -770,7 +464,6 @@ int main()
     BenchMemory();
     BenchAddresses();
     BenchExchanges();
-    BenchNetlink();
     /* The figure includes what this process held when it started the tool. */
     printf("bypass_cmd peak memory: at most %ld kB (at most 8192)\n", RunTool().ru_maxrss);
     return 0;
