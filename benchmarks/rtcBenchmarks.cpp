@@ -456,7 +456,7 @@ static void BenchExchanges()
 
 int main()
 {
-    PrintHeading();
+    Begin();
     BenchTool();
     BenchCommand();
     BenchLog();

@@ -234,7 +234,7 @@ int _RTCMonitorAllRouteParse(struct nl_msg *Message, void *Arg)
     OV_RTC_MONITOR_NOTIFY Notify;
 
     if (CallBack != nullptr &&
-        _OV_RTCRouteNotifyBuild(nlmsg_hdr(Message), DUMP_MISSING_DESTINATION, &Notify)) {
+        _OV_RTCRouteNotifyBuild(nlmsg_hdr(Message), DUMP_MISSING_DESTINATION, -1, &Notify)) {
         Notify.RouteNotify.Event = 1;
         CallBack(&Notify);
     }

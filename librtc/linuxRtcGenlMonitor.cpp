@@ -224,9 +224,10 @@ static void _RTCMonitorParseLinkMsg(struct nlmsghdr *Header)
 
 static void _RTCMonitorParseRouteMsg(struct nlmsghdr *Header)
 {
+    const int Socket = gs_NlSock != nullptr ? nl_socket_get_fd(gs_NlSock) : -1;
     OV_RTC_MONITOR_NOTIFY Notify;
 
-    if (_OV_RTCRouteNotifyBuild(Header, LIVE_MISSING_DESTINATION, &Notify)) {
+    if (_OV_RTCRouteNotifyBuild(Header, LIVE_MISSING_DESTINATION, Socket, &Notify)) {
         _RTCMonitorNotify(&Notify);
     }
 }

@@ -11,6 +11,7 @@
 #include <netlink/attr.h>
 #include <netlink/msg.h>
 #include <string.h>
+#include <sys/ioctl.h>
 
 /* The highest route attribute that is looked for. */
 static constexpr int ROUTE_ATTRIBUTE_MAX = RTA_EXPIRES;
@@ -46,7 +47,13 @@ static bool _ReadAddress(struct nlattr *Attribute, int Family, char (&Text)[OV_R
     if (!_OV_RTCAttributeHolds(Attribute, Family == AF_INET6 ? 16 : 4)) {
         return false;
     }
-    inet_ntop(Family, nla_data(Attribute), Printed, sizeof(Printed));
+    if (Family == AF_INET) { /* what inet_ntop writes, sooner */
+        OV_IN_ADDR Address;
+        memcpy(&Address, nla_data(Attribute), sizeof(Address));
+        OV_SafeStrFormatIp4Addr(Printed, sizeof(Printed), &Address);
+    } else {
+        inet_ntop(Family, nla_data(Attribute), Printed, sizeof(Printed));
+    }
     OV_SafeStrCopy(Text, sizeof(Text), Printed);
     return true;
 }
@@ -63,8 +70,25 @@ static bool _ReadU32(struct nlattr *Attribute, uint32_t *Value)
     return true;
 }
 
+/* if_indextoname opens a socket for each name, which takes longer than all the rest of an event. */
+static bool _ReadName(int Socket, unsigned IfIndex, char (&Name)[OV_RTC_IF_NAME_SIZE])
+{
+    struct ifreq Request = {};
+
+    if (Socket < 0) {
+        return if_indextoname(IfIndex, Name) != nullptr;
+    }
+    Request.ifr_ifindex = static_cast<int>(IfIndex);
+    if (ioctl(Socket, SIOCGIFNAME, &Request) != 0) {
+        return false;
+    }
+    OV_SafeStrCopy(Name, sizeof(Name), Request.ifr_name);
+    return true;
+}
+
 /* The name of the first nexthop whose interface has one; a cut entry ends the walk. */
-static void _ReadNexthopName(const struct nlattr *Multipath, char (&Name)[OV_RTC_IF_NAME_SIZE])
+static void _ReadNexthopName(int Socket, const struct nlattr *Multipath,
+                             char (&Name)[OV_RTC_IF_NAME_SIZE])
 {
     const char *Entry = static_cast<const char *>(nla_data(Multipath));
     size_t Remaining = static_cast<size_t>(nla_len(Multipath));
@@ -73,7 +97,7 @@ static void _ReadNexthopName(const struct nlattr *Multipath, char (&Name)[OV_RTC
     while (Remaining >= sizeof(Nexthop)) {
         memcpy(&Nexthop, Entry, sizeof(Nexthop));
         if (Nexthop.rtnh_len < sizeof(Nexthop) || Nexthop.rtnh_len > Remaining ||
-            if_indextoname(static_cast<unsigned>(Nexthop.rtnh_ifindex), Name) != nullptr) {
+            _ReadName(Socket, static_cast<unsigned>(Nexthop.rtnh_ifindex), Name)) {
             return;
         }
         const size_t Step = std::min<size_t>(RTNH_ALIGN(Nexthop.rtnh_len), Remaining);
@@ -83,7 +107,7 @@ static void _ReadNexthopName(const struct nlattr *Multipath, char (&Name)[OV_RTC
 }
 
 bool _OV_RTCRouteNotifyBuild(struct nlmsghdr *Header, const MISSING_DESTINATION &Missing,
-                             OV_RTC_MONITOR_NOTIFY *Notify)
+                             int Socket, OV_RTC_MONITOR_NOTIFY *Notify)
 {
     struct nlattr *Attributes[ROUTE_ATTRIBUTE_MAX + 1];
     OV_KERNEL_ROUTE_NOTIFY &Route = Notify->RouteNotify;
@@ -110,9 +134,9 @@ bool _OV_RTCRouteNotifyBuild(struct nlmsghdr *Header, const MISSING_DESTINATION 
         return false;
     }
     if (Attributes[RTA_OIF] != nullptr) {
-        if_indextoname(IfIndex, Route.ifName);
+        _ReadName(Socket, IfIndex, Route.ifName);
     } else if (Attributes[RTA_MULTIPATH] != nullptr) {
-        _ReadNexthopName(Attributes[RTA_MULTIPATH], Route.ifName);
+        _ReadNexthopName(Socket, Attributes[RTA_MULTIPATH], Route.ifName);
     }
     return true;
 }

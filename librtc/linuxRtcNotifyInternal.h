@@ -26,10 +26,11 @@ struct MISSING_DESTINATION {
     const char *OfOther;
 };
 
-/* Zeroes Notify and fills it from a route message (RTM_NEWROUTE: Event 1). false when the message
- * cannot be parsed, and when an attribute is too short, which is logged. */
+/* Zeroes Notify and fills it from a route message (RTM_NEWROUTE: Event 1). Socket, any that is open
+ * or -1, is asked for the interface's name. false when the message cannot be parsed, and when an
+ * attribute is too short, which is logged. */
 bool _OV_RTCRouteNotifyBuild(struct nlmsghdr *Header, const MISSING_DESTINATION &Missing,
-                             OV_RTC_MONITOR_NOTIFY *Notify);
+                             int Socket, OV_RTC_MONITOR_NOTIFY *Notify);
 
 /* A record as it came; it may be longer than what is known of it, and need not be aligned. */
 using RECORD = std::span<const uint8_t>;

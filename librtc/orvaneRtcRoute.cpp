@@ -201,7 +201,7 @@ static int _OV_RTCRouteParseCallback(struct nl_msg *Message, void *Arg)
     const auto *Receiver = static_cast<const OV_RTC_ROUTE_CALLBACK_WITH_ARG *>(Arg);
     OV_RTC_MONITOR_NOTIFY Notify;
 
-    if (_OV_RTCRouteNotifyBuild(nlmsg_hdr(Message), {"0.0.0.0", "0"}, &Notify)) {
+    if (_OV_RTCRouteNotifyBuild(nlmsg_hdr(Message), {"0.0.0.0", "0"}, -1, &Notify)) {
         Notify.RouteNotify.Event = 1; /* listed counts as added */
         Receiver->Callback(&Notify, Receiver->Arg);
     }
