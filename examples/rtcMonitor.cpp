@@ -2,11 +2,12 @@
  * rtcMonitor: prints what happens on the appliance, a line an event, until it is interrupted. The
  * tool to start first when something is wrong.
  *
- *   rtcMonitor [-r] [-v]
+ *   rtcMonitor [-h] [-r] [-v]
  *
  * -r lists the routes that there are before it waits for changes; -v shows the library's log from
  * debug level, not its warnings and errors alone. The log goes to standard error. Without a
- * dispatch service the kernel's events are all that there is.
+ * dispatch service the kernel's events are all that there is. The first SIGINT or SIGTERM waits for
+ * an event that is being written, the second does not.
  */
 #include "linuxRtcMonitor.h"
 #include "orvaneDispatchClient.h"
@@ -15,9 +16,14 @@
 #include "orvaneSafeStr.h"
 
 #include <algorithm>
+#include <atomic>
 #include <errno.h>
+#include <fcntl.h>
+#include <semaphore.h>
 #include <signal.h>
+#include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <string>
 #include <sys/time.h>
@@ -55,8 +61,12 @@ static std::string Ip6Text(const void *Bytes)
     return Text;
 }
 
-/* One write for the whole line: callbacks run on two threads. */
-static void Print(const std::string &Text)
+/* For the main thread: a signal came, or the output is gone. */
+static sem_t s_End;
+static std::atomic<bool> s_IsOutputLost;
+
+/* Events come on two threads; a line is whole all the same. URLs are other people's text. */
+static void Print(std::string Text)
 {
     struct timeval Now;
     struct tm Date;
@@ -65,8 +75,16 @@ static void Print(const std::string &Text)
     gettimeofday(&Now, nullptr);
     localtime_r(&Now.tv_sec, &Date);
     strftime(Stamp, sizeof(Stamp), "%H:%M:%S", &Date);
+    std::replace_if(
+        Text.begin(), Text.end(),
+        [](unsigned char Letter) { return Letter < ' ' || Letter == 127; }, '?');
+    flockfile(stdout);
     printf("%s.%03ld %s\n", Stamp, static_cast<long>(Now.tv_usec / 1000), Text.c_str());
-    fflush(stdout);
+    if (fflush(stdout) != 0 && !s_IsOutputLost.exchange(true)) {
+        perror("rtcMonitor: standard output");
+        sem_post(&s_End);
+    }
+    funlockfile(stdout);
 }
 
 static std::string LinkText(const OV_KERNEL_LINK_NOTIFY &Link)
@@ -201,13 +219,43 @@ static int PrintEvent(OV_RTC_MONITOR_NOTIFY *Notify)
     return 0;
 }
 
-static int Usage()
+static void LogListToStderr(int /*Level*/, const char *Format, va_list Arguments)
 {
-    fputs("usage: rtcMonitor [-r] [-v]\n"
+    vfprintf(stderr, Format, Arguments);
+}
+
+static void LogToStderr(int Level, const char *Format, ...)
+{
+    va_list Arguments;
+
+    va_start(Arguments, Format);
+    LogListToStderr(Level, Format, Arguments);
+    va_end(Arguments);
+}
+
+static void OnSignal(int /*Signal*/)
+{
+    sem_post(&s_End);
+}
+
+static int Usage(FILE *Stream)
+{
+    fputs("usage: rtcMonitor [-h] [-r] [-v]\n"
+          "  -h  show this\n"
           "  -r  list the routes first\n"
           "  -v  show the library's log from debug level\n",
-          stderr);
-    return 2;
+          Stream);
+    return Stream == stdout ? 0 : 2;
+}
+
+/* A socket that took the place of a missing standard stream would be written to. */
+static void FillStandardStreams()
+{
+    for (int Fd = STDIN_FILENO; Fd <= STDERR_FILENO; Fd++) {
+        if (fcntl(Fd, F_GETFD) == -1 && open("/dev/null", O_RDWR) != Fd) {
+            abort(); /* the lowest that is free is the one that is missing */
+        }
+    }
 }
 
 /* Everything that is started here is stopped by Stop, also when only part of it could be. */
@@ -227,11 +275,11 @@ static int Start(bool IsRouteListWanted)
         OV_RTCMonitorGetAllRoute(PrintEvent);
     }
     Error = OV_RTCMonitorInit();
-    if (Error < 0 || OV_RTCMonitorRegCallback(PrintEvent) < 0) {
+    if (Error < 0) {
         fprintf(stderr, "rtcMonitor: the monitors cannot be started: %s\n", strerror(-Error));
         return 1;
     }
-    return 0;
+    return OV_RTCMonitorRegCallback(PrintEvent) < 0 ? 1 : 0;
 }
 
 static void Stop()
@@ -245,33 +293,33 @@ int main(int argc, char *argv[])
 {
     bool IsRouteListWanted = false;
     bool IsLogWanted = false;
-    sigset_t End;
-    int Signal = 0;
+    struct sigaction Action = {};
     int Option;
 
-    while ((Option = getopt(argc, argv, "rv")) != -1) {
+    FillStandardStreams();
+    while ((Option = getopt(argc, argv, "hrv")) != -1) {
         if (Option != 'r' && Option != 'v') {
-            return Usage();
+            return Usage(Option == 'h' ? stdout : stderr);
         }
         IsRouteListWanted |= Option == 'r';
         IsLogWanted |= Option == 'v';
     }
     if (optind != argc) {
-        return Usage();
+        return Usage(stderr);
     }
-    /* Before any thread is started: they all leave these signals to sigwait. */
-    sigemptyset(&End);
-    sigaddset(&End, SIGINT);
-    sigaddset(&End, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &End, nullptr);
     OV_AgentLogOps()->LimitLevel = IsLogWanted ? OV_AGENT_LOG_LEVEL_DEBUG : OV_AGENT_LOG_LEVEL_WARN;
-    OV_AgentFileLogCtor("/dev/stderr");
+    OV_AgentCustomLogCtor(LogToStderr, LogListToStderr);
+    sem_init(&s_End, 0, 0);
 
-    const int Status = Start(IsRouteListWanted);
+    int Status = Start(IsRouteListWanted);
     if (Status == 0) {
-        sigwait(&End, &Signal);
+        /* Not before: until then there is nothing to stop. The second signal ends it at once. */
+        Action.sa_handler = OnSignal;
+        Action.sa_flags = static_cast<int>(SA_RESETHAND);
+        sigaction(SIGINT, &Action, nullptr);
+        sigaction(SIGTERM, &Action, nullptr);
+        while (sem_wait(&s_End) != 0) {}
     }
     Stop();
-    OV_AgentLogDtor();
-    return Status;
+    return s_IsOutputLost ? 1 : Status;
 }

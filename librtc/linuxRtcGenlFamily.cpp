@@ -26,7 +26,7 @@ static uint32_t g_OV_RTCMonitorPtxFamilyId; /* 0: not found */
 
 /* ---- Events of the family ---- */
 
-static OV_ERR_T _StateHandle(RECORD Record, NOTIFY_DELIVER Deliver)
+static OV_ERR_T _FamilyStateHandle(RECORD Record, NOTIFY_DELIVER Deliver)
 {
     OV_RTC_MONITOR_NOTIFY Notify;
     const OV_CON_STATE_NOTIFY &State = Notify.ConnNotify;
@@ -41,7 +41,7 @@ static OV_ERR_T _StateHandle(RECORD Record, NOTIFY_DELIVER Deliver)
     return 0;
 }
 
-static OV_ERR_T _RateLimitHandle(RECORD Record, NOTIFY_DELIVER Deliver)
+static OV_ERR_T _FamilyRateLimitHandle(RECORD Record, NOTIFY_DELIVER Deliver)
 {
     OV_RTC_MONITOR_NOTIFY Notify;
 
@@ -54,30 +54,31 @@ struct FAMILY_ATTRIBUTE {
     int Type;
     int Size; /* of the fixed fields */
     RECORD_HANDLER Handle;
-    const char *OutOfMemory; /* what is logged then */
+    const char *OutOfMemory; /* what is logged then; null: needs none */
 };
 
 /* In the order in which the attributes of a message are delivered. */
 static constexpr FAMILY_ATTRIBUTE FAMILY_ATTRIBUTES[] = {
-    {OV_CON_GENL_ATTR_STATE_NOTIFY, sizeof(OV_CON_STATE_NOTIFY), _StateHandle, ""},
+    {OV_CON_GENL_ATTR_STATE_NOTIFY, sizeof(OV_CON_STATE_NOTIFY), _FamilyStateHandle, nullptr},
     {OV_CON_GENL_ATTR_FLOW_URL_NOTIFY, sizeof(OV_FLOW_URL_NOTIFY_INFO), _OV_RTCUrlFlowHandle,
      "malloc error"},
-    {OV_CON_GENL_ATTR_NETIO_NOTIFY, sizeof(OV_NETIO_STATE_NOTIFY), _OV_RTCNetioHandle, ""},
+    {OV_CON_GENL_ATTR_NETIO_NOTIFY, sizeof(OV_NETIO_STATE_NOTIFY), _OV_RTCNetioHandle, nullptr},
     {OV_CON_GENL_ATTR_DP_REPORT, sizeof(OV_DP_REPORT_HEADER), _OV_RTCReportHandle,
      "Can't apply for memory"},
-    {OV_GENL_ATTR_RATELIMIT_STATE_NOTIFY, sizeof(OV_RATE_LIMIT_STATE_NOTIFY), _RateLimitHandle, ""},
+    {OV_GENL_ATTR_RATELIMIT_STATE_NOTIFY, sizeof(OV_RATE_LIMIT_STATE_NOTIFY),
+     _FamilyRateLimitHandle, nullptr},
 };
 
 /* false: the attributes behind this one are not to be handled. */
 static bool _HandleAttribute(const FAMILY_ATTRIBUTE &Known, const struct nlattr *Attribute)
 {
-    if (Attribute == nullptr || !_OV_RTCAttributeHolds(Attribute, Known.Size)) {
+    if (Attribute == nullptr || !_OV_RTCAttributeHolds("family attribute", Attribute, Known.Size)) {
         return true;
     }
     const OV_ERR_T Error = Known.Handle({static_cast<const uint8_t *>(nla_data(Attribute)),
                                          static_cast<size_t>(nla_len(Attribute))},
                                         _RTCMonitorNotify);
-    if (Error == -ENOMEM) {
+    if (Error == -ENOMEM && Known.OutOfMemory != nullptr) {
         OV_LOG_ERROR("%s", Known.OutOfMemory);
     }
     return Error == 0 || Error == -EBADMSG;

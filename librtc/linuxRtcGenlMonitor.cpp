@@ -32,8 +32,11 @@ static constexpr size_t MESSAGE_BUFFER_SIZE = 0x1E00000;
 static constexpr size_t DUMP_REQUEST_SIZE = 1024;
 
 static constexpr unsigned ABSENT_CHECK_SECONDS = 3;
-static constexpr unsigned HEALTHY_CHECK_SECONDS = 15;
+static constexpr unsigned HEALTHY_CHECK_SECONDS = 5 * ABSENT_CHECK_SECONDS;
 static constexpr unsigned REBUILD_SECONDS = 10;
+static constexpr unsigned RECEIVE_PAUSE_SECONDS = 1;
+static constexpr useconds_t START_LOOK_MICROSECONDS = 10000;
+static constexpr int START_LOOKS = 100;
 static constexpr const char *CHECK_PROMPT = "ovcon";
 
 /* The highest attributes that are looked for. */
@@ -81,6 +84,7 @@ static OV_RTC_MONITOR_SOCK gs_GenlSock;
 static struct nl_sock *s_CheckSock; /* made once, for all starts */
 static struct nl_sock *s_LostSock;  /* the last one whose descriptor somebody closed */
 static bool s_IsRouteSockLost;      /* so the check thread has to make gs_NlSock */
+static unsigned s_FailureCount;     /* of receiving, one after the other */
 static pthread_t gs_MonitorThreadId;
 static pthread_t gs_CheckThreadId; /* 0: none. A thread that is in neither has been stopped. */
 
@@ -145,13 +149,15 @@ class LIST_WRITE_SCOPE {
 void _RTCMonitorNotify(OV_RTC_MONITOR_NOTIFY *NotifyInfo)
 {
     pthread_rwlock_rdlock(&gs_MonitorListRWLock);
-    s_IsDelivering = true;
-    for (const _OV_RTC_MONITOR &Slot : gs_MonitorList) {
-        if (Slot.callback != nullptr && gs_MonitorEnable > 0) {
-            Slot.callback(NotifyInfo);
+    if (gs_MonitorEnable > 0) { /* a stop has not begun yet: it waits for this event */
+        s_IsDelivering = true;
+        for (const _OV_RTC_MONITOR &Slot : gs_MonitorList) {
+            if (Slot.callback != nullptr) {
+                Slot.callback(NotifyInfo);
+            }
         }
+        s_IsDelivering = false;
     }
-    s_IsDelivering = false;
     pthread_rwlock_unlock(&gs_MonitorListRWLock);
 }
 
@@ -170,7 +176,7 @@ static bool _ReadBridgePort(struct nlattr *Attribute, OV_KERNEL_LINK_NOTIFY *Lin
     }
     struct nlattr *State = PortAttributes[IFLA_BRPORT_STATE];
     if (State != nullptr) {
-        if (!_OV_RTCAttributeHolds(State, sizeof(uint8_t))) {
+        if (!_OV_RTCAttributeHolds("bridge port attribute", State, sizeof(uint8_t))) {
             return false;
         }
         Link->StpState = nla_get_u8(State);
@@ -182,7 +188,7 @@ static bool _ReadMtu(struct nlattr *Attribute, OV_KERNEL_LINK_NOTIFY *Link)
 {
     Link->Type = OV_NETIO_NOTIFY_TYPE_IFMTU;
     if (Attribute != nullptr) {
-        if (!_OV_RTCAttributeHolds(Attribute, sizeof(uint32_t))) {
+        if (!_OV_RTCAttributeHolds("link attribute", Attribute, sizeof(uint32_t))) {
             return false;
         }
         Link->Mtu = static_cast<uint16_t>(nla_get_u32(Attribute)); /* the record has no more */
@@ -266,7 +272,9 @@ static int _RTCMonitorCreateEpoll()
     const int EpollFd = epoll_create1(EPOLL_CLOEXEC);
 
     if (EpollFd < 0) {
+        const int Error = errno;
         perror("epoll_create");
+        OV_LOG_ERROR("epoll_create1 failed: %s", strerror(Error));
     }
     return EpollFd;
 }
@@ -439,7 +447,7 @@ static void _SendDumpRequest(int Type)
     const CANCEL_SCOPE Whole;
     const MUTEX_SCOPE Send(s_SendLock);
 
-    if (gs_NlSock == nullptr) {
+    if (gs_NlSock == nullptr || _IsLost(gs_NlSock)) {
         return;
     }
     const int NlError = nl_send_simple(gs_NlSock, Type, NLM_F_REQUEST | NLM_F_DUMP,
@@ -502,17 +510,23 @@ static bool _RebuildRouteSock()
 
 static void _Receive(int Fd)
 {
+    int NlError = 0;
+
     if (gs_NlSock != nullptr && Fd == nl_socket_get_fd(gs_NlSock)) {
-        const int NlError = nl_recvmsgs_default(gs_NlSock);
+        NlError = nl_recvmsgs_default(gs_NlSock);
         if (NlError < 0) {
             OV_LOG_ERROR("nl_route nl_recvmsgs failed(rc: %d)", NlError);
         }
     }
     if (gs_GenlSock.Sock != nullptr && Fd == nl_socket_get_fd(gs_GenlSock.Sock)) {
-        const int NlError = nl_recvmsgs_default(gs_GenlSock.Sock);
+        NlError = nl_recvmsgs_default(gs_GenlSock.Sock);
         if (NlError < 0) {
             OV_LOG_ERROR("nl_ovconn nl_recvmsgs failed(rc: %d)", NlError);
         }
+    }
+    s_FailureCount = NlError < 0 ? s_FailureCount + 1 : 0;
+    if (s_FailureCount > 1) { /* it may last, as want of memory does: no line a microsecond */
+        _Sleep(RECEIVE_PAUSE_SECONDS);
     }
 }
 
@@ -527,10 +541,9 @@ static void _HandleEvent(const struct epoll_event &Event)
         _RTCMonitorFreeNL();
         return;
     }
-    /* Nothing to read will take the error away: it would be reported for ever. */
-    int Error = 0;
-    socklen_t Length = sizeof(Error);
-    getsockopt(Event.data.fd, SOL_SOCKET, SO_ERROR, &Error, &Length);
+    /* Nothing to read will take the error away, and it would be reported for ever: a look does. */
+    char Byte;
+    recv(Event.data.fd, &Byte, sizeof(Byte), MSG_PEEK | MSG_DONTWAIT);
 }
 
 static void _WaitForEvent()
@@ -654,15 +667,29 @@ static unsigned _Check(unsigned Interval)
     return s_CheckSock != nullptr ? _RTCMonitorCheckOVConSock(OV_NL_CON, s_CheckSock) : Interval;
 }
 
+/* The monitor thread may have dropped the family's socket: then the next check is due at once. */
+static void _WaitForCheck(unsigned Interval)
+{
+    do {
+        _Sleep(ABSENT_CHECK_SECONDS);
+        Interval -= ABSENT_CHECK_SECONDS;
+    } while (Interval > 0 && gs_GenlSock.Sock != nullptr && _IsThread(gs_CheckThreadId));
+}
+
 static void *_RTCMonitorCheckThread(void *)
 {
     unsigned Interval = ABSENT_CHECK_SECONDS;
 
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); /* but in _Wait */
     const MUTEX_SCOPE Work(s_WorkLock);
+    /* Both threads begin at once; the family is not to wait for the second check. */
+    for (int Look = 0; gs_EpollFd < 0 && Look < START_LOOKS && _IsThread(gs_CheckThreadId);
+         Look++) {
+        _Wait([] { return usleep(START_LOOK_MICROSECONDS); });
+    }
     while (_IsThread(gs_CheckThreadId)) {
         Interval = _Check(Interval);
-        _Sleep(Interval);
+        _WaitForCheck(Interval);
     }
     return nullptr;
 }
@@ -698,18 +725,35 @@ static void _StartThread(pthread_t *Thread, void *(*Body)(void *))
     }
 }
 
-int OV_RTCGenlMonitorInit(void)
+/* A forked child has neither the threads nor whoever held the locks: it may stop, and start again.
+ */
+static void _ForgetThreads()
 {
-    if (s_IsDelivering) { /* it runs, then, or is being stopped by who waits for this callback */
-        OV_LOG_ERROR("RTC monitor thread init already");
-        return -EEXIST;
-    }
+    static constexpr OV_MUTEX_T FREE_MUTEX = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+    static constexpr pthread_rwlock_t FREE_RWLOCK = PTHREAD_RWLOCK_INITIALIZER;
+
+    s_ControlLock = s_WorkLock = s_SendLock = FREE_MUTEX;
+    gs_MonitorListRWLock = FREE_RWLOCK;
+    new (&s_Waiters) GATE(true);
+    gs_MonitorThreadId = gs_CheckThreadId = 0;
+    s_IsDelivering = false;
+}
+
+static void _WatchForks()
+{
+    pthread_atfork(nullptr, nullptr, _ForgetThreads);
+}
+
+static OV_ERR_T _StartMonitor()
+{
+    static pthread_once_t IsWatching = PTHREAD_ONCE_INIT;
     const CANCEL_SCOPE Whole;
     const MUTEX_SCOPE Control(s_ControlLock);
+
     if (gs_MonitorEnable >= 1) {
-        OV_LOG_ERROR("RTC monitor thread init already");
         return -EEXIST;
     }
+    pthread_once(&IsWatching, _WatchForks);
     gs_MonitorEnable = 1;
     const OV_ERR_T Error = OV_RTCRouteInit();
     if (Error < 0) { /* the stop is still due, and the next start refused until then */
@@ -719,6 +763,17 @@ int OV_RTCGenlMonitorInit(void)
     const MUTEX_SCOPE Work(s_WorkLock); /* the threads wait until both have their places */
     _StartThread(&gs_MonitorThreadId, _RTCMonitorThread);
     _StartThread(&gs_CheckThreadId, _RTCMonitorCheckThread);
+    return Error;
+}
+
+int OV_RTCGenlMonitorInit(void)
+{
+    /* Within a callback it runs, or is being stopped by who waits for this callback. */
+    const OV_ERR_T Error = s_IsDelivering ? -EEXIST : _StartMonitor();
+
+    if (Error == -EEXIST) {
+        OV_LOG_ERROR("RTC monitor thread init already");
+    }
     return Error;
 }
 

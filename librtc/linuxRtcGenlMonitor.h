@@ -6,7 +6,7 @@
  * "ov_con_family" while that exists; its check thread looks for the family every 3 seconds, and
  * every 15 once it is joined. Right after the start all links are delivered, to whoever has
  * registered by then. Kernel events that came faster than the callbacks took them, beyond 30 MiB,
- * are lost: the log says "csnnl: error occured".
+ * are lost: the log says "csnnl: error occured" or "nl_recvmsgs failed".
  *
  * Callbacks run on the monitor thread, one event at a time, in the order of their ids. A callback
  * delays all events after it. It must not start, stop, register or unregister: that is refused with
@@ -20,19 +20,21 @@
 
 OV_PUBLIC_BEGIN
 
-/* Starts both threads: 0, or -EEXIST when it runs already. */
+/* Starts both threads: 0, or -EEXIST when it runs already. What fails in the threads is logged
+ * only. A forked child has a monitor without threads: it may stop it, and start its own. */
 int OV_RTCGenlMonitorInit(void);
 
 /* Stops both threads and drops all callbacks. It waits for a callback that runs: no lock that a
  * callback takes may be held here. 0, also when it does not run. */
 int OV_RTCGenlMonitorUninit(void);
 
-/* Returns the id, 0 to 15: the lowest that is free; -1 while stopped; -2 when none is free. A
- * function may be registered several times and is then called as often. */
+/* Both wait for a callback that runs: no lock that a callback takes may be held. Reg returns the
+ * id, 0 to 15: the lowest that is free; -1 while stopped; -2 when none is free. A function may be
+ * registered several times and is then called as often. */
 int OV_RTCGenlMonitorRegCallback(NotifyCallback Callback);
 
-/* Returns 0 (also for an id that is free), -1 for an id that is none, -2 while stopped. The
- * callback is not called any more when this returns. */
+/* 0 (also for an id that is free), -1 for an id that is none, -2 while stopped. The callback is not
+ * called any more when this returns. */
 int OV_RTCGenlMonitorUnregCallback(int RegId);
 
 /* Sends a connection state to the data-path module, from the caller's thread: 0, or -1 (logged; the
@@ -40,8 +42,8 @@ int OV_RTCGenlMonitorUnregCallback(int RegId);
 int OV_RTCGenlMonitorSendPtxNotify(OV_CON_STATE_NOTIFY *Notify);
 
 /* Calls CallBack on the caller's thread with each IPv4 route of all tables, as an added one; a
- * default route's Dst is "default". Needs no started monitor. Returns 0 or libnl's negative error.
- */
+ * default route's Dst is "default". Needs no started monitor. Returns 0 (also for null, which is
+ * not called) or libnl's negative error. */
 int OV_RTCGenlMonitorGetAllRoute(const NotifyCallback CallBack);
 
 /* Asks the kernel for all addresses over the running monitor's socket. The answers are dropped:

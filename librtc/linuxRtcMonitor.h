@@ -19,11 +19,12 @@ OV_PUBLIC_BEGIN
 int OV_RTCMonitorInit(void);
 
 /* Stops both, and drops the callbacks of the netlink monitor; the configuration monitor keeps its
- * own. Waits for a callback that the netlink monitor runs. 0, or -EDEADLK from such a callback. */
+ * own. Waits for a callback that the netlink monitor runs. 0, or -EDEADLK from such a callback: the
+ * configuration monitor is then stopped all the same. */
 int OV_RTCMonitorUninit(void);
 
 /* Registers with both monitors, once they are started. Returns the id in the netlink monitor, 0 to
- * 15, -1 while stopped, -2 when all are taken. */
+ * 15; -1 while stopped, -2 when all are taken: relayed events come all the same. */
 int OV_RTCMonitorRegCallback(NotifyCallback Callback);
 
 /* Unregisters the id from the netlink monitor, and the configuration monitor's callback whatever

@@ -15,6 +15,7 @@
 
 /* The highest route attribute that is looked for. */
 static constexpr int ROUTE_ATTRIBUTE_MAX = RTA_EXPIRES;
+static constexpr const char *ATTRIBUTE_KIND = "route attribute";
 
 /* What a netio line may take; eight addresses of each family fit. */
 static constexpr size_t NETIO_TEXT_SIZE = 1024;
@@ -30,13 +31,13 @@ bool _OV_RTCRecordHolds(const char *Kind, int Number, int Size, int Came)
     return true;
 }
 
-bool _OV_RTCAttributeHolds(const struct nlattr *Attribute, int Size)
+bool _OV_RTCAttributeHolds(const char *Kind, const struct nlattr *Attribute, int Size)
 {
-    return _OV_RTCRecordHolds("attribute", nla_type(Attribute), Size, nla_len(Attribute));
+    return _OV_RTCRecordHolds(Kind, nla_type(Attribute), Size, nla_len(Attribute));
 }
 
-/* Leaves Text alone where there is no such attribute, and for an address that has no dotted text.
- */
+/* Leaves Text alone where there is no such attribute. Of other families only a text that is as
+ * short as a dotted one has room. */
 static bool _ReadAddress(struct nlattr *Attribute, int Family, char (&Text)[OV_RTC_ROUTE_TEXT_SIZE])
 {
     char Printed[OV_RTC_ROUTE_TEXT_SIZE] = "";
@@ -44,7 +45,7 @@ static bool _ReadAddress(struct nlattr *Attribute, int Family, char (&Text)[OV_R
     if (Attribute == nullptr) {
         return true;
     }
-    if (!_OV_RTCAttributeHolds(Attribute, Family == AF_INET6 ? 16 : 4)) {
+    if (!_OV_RTCAttributeHolds(ATTRIBUTE_KIND, Attribute, Family == AF_INET6 ? 16 : 4)) {
         return false;
     }
     if (Family == AF_INET) { /* what inet_ntop writes, sooner */
@@ -63,7 +64,7 @@ static bool _ReadU32(struct nlattr *Attribute, uint32_t *Value)
     if (Attribute == nullptr) {
         return true;
     }
-    if (!_OV_RTCAttributeHolds(Attribute, sizeof(*Value))) {
+    if (!_OV_RTCAttributeHolds(ATTRIBUTE_KIND, Attribute, sizeof(*Value))) {
         return false;
     }
     *Value = nla_get_u32(Attribute);
@@ -74,16 +75,19 @@ static bool _ReadU32(struct nlattr *Attribute, uint32_t *Value)
 static bool _ReadName(int Socket, unsigned IfIndex, char (&Name)[OV_RTC_IF_NAME_SIZE])
 {
     struct ifreq Request = {};
+    bool IsFound = false;
 
     if (Socket < 0) {
-        return if_indextoname(IfIndex, Name) != nullptr;
+        IsFound = if_indextoname(IfIndex, Name) != nullptr;
+    } else {
+        Request.ifr_ifindex = static_cast<int>(IfIndex);
+        IsFound = ioctl(Socket, SIOCGIFNAME, &Request) == 0;
+        OV_SafeStrCopy(Name, sizeof(Name), Request.ifr_name);
     }
-    Request.ifr_ifindex = static_cast<int>(IfIndex);
-    if (ioctl(Socket, SIOCGIFNAME, &Request) != 0) {
-        return false;
+    if (!IsFound && errno != ENODEV && errno != ENXIO) { /* not just an interface that is gone */
+        OV_LOG_ERROR("no name for interface %u: %s", IfIndex, strerror(errno));
     }
-    OV_SafeStrCopy(Name, sizeof(Name), Request.ifr_name);
-    return true;
+    return IsFound;
 }
 
 /* The name of the first nexthop whose interface has one; a cut entry ends the walk. */
@@ -158,7 +162,8 @@ void _OV_RTCNotifyInit(OV_RTC_MONITOR_NOTIFY *Notify, OV_RTC_MONITOR_TYPE Type, 
 NOTIFY_SCOPE _OV_RTCNotifyAlloc(OV_RTC_MONITOR_TYPE Type, RECORD Record, size_t Extra)
 {
     const size_t Size = sizeof(OV_RTC_MONITOR_NOTIFY) + Extra;
-    NOTIFY_SCOPE Notify(static_cast<OV_RTC_MONITOR_NOTIFY *>(OV_LibrtcMemAlloc(Size)));
+    const int32_t ModId = g_LibrtcModID;
+    NOTIFY_SCOPE Notify(static_cast<OV_RTC_MONITOR_NOTIFY *>(OV_MemAlloc(ModId, Size, 0)), {ModId});
 
     if (Notify) {
         _Fill(Notify.get(), Size, Type, Record);

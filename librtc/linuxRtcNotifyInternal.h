@@ -8,6 +8,7 @@
 #define LINUX_RTC_NOTIFY_INTERNAL_H
 
 #include "orvaneLibrtcMemInternal.h"
+#include "orvaneMemInternal.h"
 #include "orvaneRtcNotify.h"
 
 #include <memory>
@@ -18,7 +19,7 @@ struct nlmsghdr;
 
 /* Whether something has that many bytes at least; logged when not, by its kind and number. */
 bool _OV_RTCRecordHolds(const char *Kind, int Number, int Size, int Came);
-bool _OV_RTCAttributeHolds(const struct nlattr *Attribute, int Size);
+bool _OV_RTCAttributeHolds(const char *Kind, const struct nlattr *Attribute, int Size);
 
 /* What stands for the destination of a route that has none. */
 struct MISSING_DESTINATION {
@@ -38,10 +39,17 @@ using RECORD = std::span<const uint8_t>;
 /* Fills *Notify: the record stands in the union, all else is zero. */
 void _OV_RTCNotifyInit(OV_RTC_MONITOR_NOTIFY *Notify, OV_RTC_MONITOR_TYPE Type, RECORD Record);
 
+/* The library may be stopped during the callback: the block is then in no account any more. */
 struct NOTIFY_RELEASE {
+    int32_t ModId; /* that the block was charged to */
+
     void operator()(OV_RTC_MONITOR_NOTIFY *Notify) const
     {
-        OV_LibrtcMemFree(Notify);
+        if (ModId == g_LibrtcModID) {
+            OV_LibrtcMemFree(Notify);
+        } else {
+            _OV_MemFreeDisowned(Notify);
+        }
     }
 };
 using NOTIFY_SCOPE = std::unique_ptr<OV_RTC_MONITOR_NOTIFY, NOTIFY_RELEASE>;

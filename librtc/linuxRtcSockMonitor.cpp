@@ -36,7 +36,7 @@ static ADDRESS_TEXT _AddressText(const OV_CON_STATE_NOTIFY &State, const _OV_IP_
     return State.IsIpv6Ptx ? _OV_RTCIp6Text(Address.V6) : _OV_RTCIp4Text(Address.V4);
 }
 
-static OV_ERR_T _StateHandle(RECORD Record, NOTIFY_DELIVER Deliver)
+static OV_ERR_T _ServiceStateHandle(RECORD Record, NOTIFY_DELIVER Deliver)
 {
     OV_RTC_MONITOR_NOTIFY Notify;
     const OV_CON_STATE_NOTIFY &State = Notify.ConnNotify;
@@ -88,7 +88,7 @@ static OV_ERR_T _ClusterHandle(RECORD Record, NOTIFY_DELIVER Deliver)
     return 0;
 }
 
-static OV_ERR_T _RateLimitHandle(RECORD Record, NOTIFY_DELIVER Deliver)
+static OV_ERR_T _ServiceRateLimitHandle(RECORD Record, NOTIFY_DELIVER Deliver)
 {
     OV_RATE_LIMIT_STATE_NOTIFY_HEADER Head;
 
@@ -119,7 +119,7 @@ struct NOTIFICATION {
 
 static constexpr NOTIFICATION NOTIFICATIONS[] = {
     {OV_DISPATCH_MOD_OVCONN, OV_DISPATCH_TYPE_CONN_NOTIFY_STATE, sizeof(OV_CON_STATE_NOTIFY),
-     _StateHandle},
+     _ServiceStateHandle},
     {OV_DISPATCH_MOD_OVCONN, OV_DISPATCH_TYPE_PEER_HOST_REACHABLE_STATE,
      sizeof(OV_PEER_HOST_NOTIFY), _PeerHostHandle},
     {OV_DISPATCH_MOD_NETIO, OV_DISPATCH_TYPE_NETIO_NOTIFY_IF, sizeof(OV_NETIO_STATE_NOTIFY),
@@ -128,7 +128,7 @@ static constexpr NOTIFICATION NOTIFICATIONS[] = {
      _OV_RTCUrlFlowHandle},
     {OV_DISPATCH_MOD_DATAPATH, TYPE_REPORT, sizeof(OV_DP_REPORT_HEADER), _OV_RTCReportHandle},
     {OV_DISPATCH_MOD_DATAPATH, TYPE_SA_CLUSTER_MSG, sizeof(OV_SA_CLUSTER_MSG), _ClusterHandle},
-    {OV_DISPATCH_MOD_RATELIMIT, TYPE_RATE_LIMIT, 0, _RateLimitHandle},
+    {OV_DISPATCH_MOD_RATELIMIT, TYPE_RATE_LIMIT, 0, _ServiceRateLimitHandle},
 };
 
 static void _OV_RTCConfigNotify(uint8_t ModId, uint16_t Type, void *Info, int Size)

@@ -11,7 +11,7 @@ static constexpr const char *MODULE_NAME = "LIBRTC";
 /* Nothing changes it: a library built for direct configuration would say FALSE here. */
 static constexpr BOOL gs_RTCSocketConfig = TRUE;
 
-int32_t g_LibrtcModID = -1;
+std::atomic<int32_t> g_LibrtcModID = -1;
 
 int32_t OV_RTCisSocketConfig(void)
 {

@@ -4,8 +4,11 @@
 
 #include "orvaneMem.h"
 
-/* -1 while not registered: allocations then give null. Written at the library's start and stop. */
-extern int32_t g_LibrtcModID;
+#include <atomic>
+
+/* -1 while not registered: allocations then give null. Written at the library's start and stop,
+ * read by the threads that deliver events. */
+extern std::atomic<int32_t> g_LibrtcModID;
 
 static inline void *OV_LibrtcMemAlloc(const size_t Size)
 {

@@ -6,27 +6,47 @@
 #include <linux/fib_rules.h>
 #include <linux/netlink.h>
 #include <netlink/errno.h>
+#include <string.h>
+
+static constexpr const char *CACHE_NAME = "route/rule"; /* libnl's, for rules of all families */
 
 static constexpr LIBNL_REQUEST<struct rtnl_rule> RULE_REQUESTS[] = {
     {OV_RTC_LIBNL_OP_ADD, "ip rule add", "rtnl_rule_add", rtnl_rule_add, NLM_F_EXCL},
     {OV_RTC_LIBNL_OP_DEL, "ip rule del", "rtnl_rule_delete", rtnl_rule_delete, 0},
 };
 
+/* As a number: a caller's record may hold what is no value of the type. */
+static uint32_t _IpTypeOf(const OV_RTC_IP_RULE_CONF *IpRuleConf)
+{
+    uint32_t IpType;
+
+    memcpy(&IpType, &IpRuleConf->IpType, sizeof(IpType));
+    return IpType;
+}
+
 static bool _HasFamily(const OV_RTC_IP_RULE_CONF *IpRuleConf)
 {
-    return IpRuleConf->IpType == OV_IN_ADDR_TYPE_IPV4 || IpRuleConf->IpType == OV_IN_ADDR_TYPE_IPV6;
+    const uint32_t IpType = _IpTypeOf(IpRuleConf);
+
+    return IpType == OV_IN_ADDR_TYPE_IPV4 || IpType == OV_IN_ADDR_TYPE_IPV6;
 }
 
 /* All rules of all families, offered to libnl's cache manager. Returns libnl's result. */
 static int _RuleCacheFill(const LIBNL_SESSION &Session, NL_CACHE_SCOPE *OutCache)
 {
     struct nl_cache *Cache = nullptr;
-    const int NlResult = rtnl_rule_alloc_cache(Session.Sock.get(), AF_UNSPEC, &Cache);
 
+    /* What rtnl_rule_alloc_cache does, but for the rules that it loses when it fails half-way. */
+    int NlResult = nl_cache_alloc_name(CACHE_NAME, &Cache);
     if (NlResult < 0) {
         return NlResult;
     }
-    _OV_RTCLibNlCacheProvide("route/rule", Cache);
+    NlResult = nl_cache_refill(Session.Sock.get(), Cache);
+    if (NlResult < 0) {
+        nl_cache_free(Cache);
+        return NlResult;
+    }
+    _OV_RTCLibNlCacheProvide(CACHE_NAME, Cache);
     OutCache->reset(Cache);
     return 0;
 }
@@ -39,7 +59,9 @@ static OV_ERR_T _OV_RTCIpRuleMsgBuild(struct rtnl_rule *Rule, uint8_t RuleOpType
     } else if (RuleOpType == OV_RTC_LIBNL_OP_DEL) {
         rtnl_rule_set_action(Rule, FR_ACT_UNSPEC);
     }
-    rtnl_rule_set_prio(Rule, IpRuleConf->Priority);
+    if (RuleOpType != OV_RTC_LIBNL_OP_DUMP || IpRuleConf->Priority != 0) {
+        rtnl_rule_set_prio(Rule, IpRuleConf->Priority); /* rules are dumped without priority 0 */
+    }
     if (IpRuleConf->TableId != 0) {
         rtnl_rule_set_table(Rule, IpRuleConf->TableId);
     }
@@ -47,7 +69,7 @@ static OV_ERR_T _OV_RTCIpRuleMsgBuild(struct rtnl_rule *Rule, uint8_t RuleOpType
         return 0;
     }
 
-    const int Family = IpRuleConf->IpType == OV_IN_ADDR_TYPE_IPV6 ? AF_INET6 : AF_INET;
+    const int Family = _IpTypeOf(IpRuleConf) == OV_IN_ADDR_TYPE_IPV6 ? AF_INET6 : AF_INET;
     const OV_CONF_IP_MASK &Prefix = IpRuleConf->SrcPrefix;
     rtnl_rule_set_family(Rule, Family);
     if (!_OV_RTCIsConfAddrSet(Family, Prefix)) {
@@ -135,6 +157,12 @@ OV_ERR_T OV_RTCIpRuleDel(const OV_RTC_IP_RULE_CONF *IpRuleConf)
     return _OV_RTCIpRuleProcess(OV_RTC_LIBNL_OP_DEL, IpRuleConf);
 }
 
+static bool _IsMatch(struct nl_object *Object, struct rtnl_rule *Filter, uint32_t Priority)
+{
+    return nl_object_match_filter(Object, OBJ_CAST(Filter)) == 1 &&
+           rtnl_rule_get_prio(reinterpret_cast<struct rtnl_rule *>(Object)) == Priority;
+}
+
 BOOL OV_IsIpRuleExist(const OV_RTC_IP_RULE_CONF *IpRuleConf)
 {
     LIBNL_SESSION Session;
@@ -162,7 +190,7 @@ BOOL OV_IsIpRuleExist(const OV_RTC_IP_RULE_CONF *IpRuleConf)
         return FALSE;
     }
     struct nl_object *Object = nl_cache_get_first(Cache.get());
-    while (Object != nullptr && nl_object_match_filter(Object, OBJ_CAST(Filter.get())) != 1) {
+    while (Object != nullptr && !_IsMatch(Object, Filter.get(), IpRuleConf->Priority)) {
         Object = nl_cache_get_next(Object);
     }
     return Object != nullptr;

@@ -31,8 +31,8 @@ OV_ERR_T OV_RTCIpRuleAdd(const OV_RTC_IP_RULE_CONF *IpRuleConf);
 OV_ERR_T OV_RTCIpRuleDel(const OV_RTC_IP_RULE_CONF *IpRuleConf);
 
 /* TRUE when a rule has the priority and, as far as they are set, table, family (IPv4 or IPv6; any
- * other IpType compares neither family nor source) and source. The kernel does not send priority 0:
- * a rule of that priority is never found. FALSE also on a failure. IpRuleConf is not checked. */
+ * other IpType compares neither family nor source) and source; what else a rule selects by is not
+ * compared. FALSE also on a failure. IpRuleConf is not checked. */
 BOOL OV_IsIpRuleExist(const OV_RTC_IP_RULE_CONF *IpRuleConf);
 
 OV_PUBLIC_END

@@ -53,12 +53,13 @@ typedef struct _OV_KERNEL_LINK_NOTIFY {
     };
 } OV_KERNEL_LINK_NOTIFY;
 
-/* A route that came, changed or went. The texts are of IPv4 addresses; other families have none. */
+/* A route that came, changed or went. Addresses other than IPv4 are told only where their text is
+ * shorter than 16 characters. */
 typedef struct _OV_KERNEL_ROUTE_NOTIFY {
     char ifName[OV_RTC_IF_NAME_SIZE];     /* of the first nexthop that has one; may be empty */
     uint8_t Event;                        /* 1: added, 0: deleted */
     uint8_t Protocol;                     /* RTPROT_* */
-    uint8_t TableId;                      /* the low 8 bits; 252 for a table above 255 */
+    uint8_t TableId;                      /* 252 for a table above 255 */
     uint8_t DstMask;                      /* prefix length */
     char Dst[OV_RTC_ROUTE_TEXT_SIZE];     /* "0.0.0.0" or "default" for the default route */
     char Gateway[OV_RTC_ROUTE_TEXT_SIZE]; /* empty: none, or several nexthops */

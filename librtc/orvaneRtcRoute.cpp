@@ -2,6 +2,7 @@
 
 #include "linuxRtcNotifyInternal.h"
 #include "orvaneRtcLibnlInternal.h"
+#include "orvaneSafeStr.h"
 
 #include <errno.h>
 #include <linux/rtnetlink.h>
@@ -11,6 +12,7 @@
 #include <netlink/netlink.h>
 #include <netlink/socket.h>
 #include <string.h>
+#include <sys/ioctl.h>
 
 static constexpr uint8_t IP4_HOST_PREFIX = 32;
 static constexpr uint8_t IP6_HOST_PREFIX = 128;
@@ -35,8 +37,24 @@ static bool _HasGateway(const OV_CONF_IP_MASK &Nexthop)
     return _OV_RTCIsConfAddrSet(AF_INET6, Nexthop);
 }
 
+/* What if_nametoindex gives, without the socket that it opens for each name (nor its ENOENT when it
+ * gets none, which would read as a missing route). */
+static unsigned _IfIndexOf(struct nl_sock *Sock, const char *Name)
+{
+    struct ifreq Request = {};
+
+    if (OV_SafeStrCopy(Request.ifr_name, sizeof(Request.ifr_name), Name) >=
+        sizeof(Request.ifr_name)) {
+        errno = ENODEV;
+        return 0;
+    }
+    return ioctl(nl_socket_get_fd(Sock), SIOCGIFINDEX, &Request) == 0
+               ? static_cast<unsigned>(Request.ifr_ifindex)
+               : 0;
+}
+
 /* Gives Route one more nexthop, which it then owns. */
-static OV_ERR_T _OV_RTCRouteNexthopAdd(struct rtnl_route *Route, int Family,
+static OV_ERR_T _OV_RTCRouteNexthopAdd(struct nl_sock *Sock, struct rtnl_route *Route, int Family,
                                        const OV_CONF_IP_MASK &Gateway, const IF_NAME &IfName)
 {
     if (IfName[0] == '\0' && !_OV_RTCIsConfAddrSet(Family, Gateway)) {
@@ -52,7 +70,7 @@ static OV_ERR_T _OV_RTCRouteNexthopAdd(struct rtnl_route *Route, int Family,
         char Name[sizeof(IfName) + 1] = ""; /* all 16 may be used: too long for an interface */
         memcpy(Name, IfName, sizeof(IfName));
         errno = 0;
-        const unsigned IfIndex = if_nametoindex(Name);
+        const unsigned IfIndex = _IfIndexOf(Sock, Name);
         if (IfIndex == 0) {
             const int IfErrno = errno;
             OV_LOG_ERROR("if_nametoindex failed(IfName = %s ifIndex = %u errno = %d)", Name,
@@ -74,7 +92,7 @@ static OV_ERR_T _OV_RTCRouteNexthopAdd(struct rtnl_route *Route, int Family,
     return 0;
 }
 
-static OV_ERR_T _OV_RTCRouetNexthopBuild(struct rtnl_route *Route,
+static OV_ERR_T _OV_RTCRouetNexthopBuild(struct nl_sock *Sock, struct rtnl_route *Route,
                                          const OV_RTC_ROUTE_CONF *RouteConf)
 {
     if (RouteConf->NexthopNum > OV_RTC_ROUTE_NEXTHOP_MAX) {
@@ -83,7 +101,7 @@ static OV_ERR_T _OV_RTCRouetNexthopBuild(struct rtnl_route *Route,
     }
     for (int Index = 0; Index < RouteConf->NexthopNum; Index++) {
         const OV_ERR_T Error = _OV_RTCRouteNexthopAdd(
-            Route, _FamilyOf(RouteConf), RouteConf->Nexthop[Index], RouteConf->IfName[Index]);
+            Sock, Route, _FamilyOf(RouteConf), RouteConf->Nexthop[Index], RouteConf->IfName[Index]);
         if (Error < 0) {
             return Error;
         }
@@ -91,8 +109,8 @@ static OV_ERR_T _OV_RTCRouetNexthopBuild(struct rtnl_route *Route,
     return 0;
 }
 
-static OV_ERR_T _OV_RTCRouetMsgBuild(uint8_t RouteOpType, const OV_RTC_ROUTE_CONF *RouteConf,
-                                     RTNL_ROUTE_SCOPE *OutRoute)
+static OV_ERR_T _OV_RTCRouetMsgBuild(struct nl_sock *Sock, uint8_t RouteOpType,
+                                     const OV_RTC_ROUTE_CONF *RouteConf, RTNL_ROUTE_SCOPE *OutRoute)
 {
     const int Family = _FamilyOf(RouteConf);
     const OV_CONF_IP_MASK &Target = RouteConf->TargetIp;
@@ -123,7 +141,7 @@ static OV_ERR_T _OV_RTCRouetMsgBuild(uint8_t RouteOpType, const OV_RTC_ROUTE_CON
     }
     rtnl_route_set_dst(Route.get(), Destination.get());
 
-    const OV_ERR_T Error = _OV_RTCRouetNexthopBuild(Route.get(), RouteConf);
+    const OV_ERR_T Error = _OV_RTCRouetNexthopBuild(Sock, Route.get(), RouteConf);
     if (Error < 0) {
         OV_LOG_ERROR("_OV_RTCRouetNexthopBuild failed(ret = %d)", Error);
         return Error;
@@ -143,7 +161,7 @@ static OV_ERR_T _OV_RTCRouetProcess(uint8_t RouteOpType, const OV_RTC_ROUTE_CONF
         OV_LOG_ERROR("OV_RTCLibNlSockAlloc failed(ret = %d).", Error);
         return Error;
     }
-    Error = _OV_RTCRouetMsgBuild(RouteOpType, RouteConf, &Route);
+    Error = _OV_RTCRouetMsgBuild(Session.Sock.get(), RouteOpType, RouteConf, &Route);
     if (Error < 0) {
         OV_LOG_ERROR("_OV_RTCRouetBuildMsg failed(ovRet = %d).", Error);
         return Error;

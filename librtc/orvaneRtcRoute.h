@@ -37,8 +37,8 @@ OV_PUBLIC_BEGIN
 /* The three return 0 or a negative errno value: -EINVAL for a null RouteConf, a TargetIp.IpType
  * other than 0 and 1, more than 16 nexthops, one with neither gateway nor interface, and what the
  * kernel finds invalid; -ENODEV for an interface that does not exist; the kernel's own where libnl
- * knows it, else -254. The scope is "link" when the first nexthop has no gateway, else "universe".
- */
+ * knows it, else -254 (an unreachable gateway). The scope is "link" when the first nexthop has no
+ * gateway or there is none, else "universe". */
 
 /* -EINVAL also without a nexthop; -EEXIST for a route that is there. */
 OV_ERR_T OV_RTCRouteAdd(const OV_RTC_ROUTE_CONF *RouteConf);
@@ -47,7 +47,8 @@ OV_ERR_T OV_RTCRouteAdd(const OV_RTC_ROUTE_CONF *RouteConf);
 OV_ERR_T OV_RTCRouteReplace(const OV_RTC_ROUTE_CONF *RouteConf);
 
 /* Deletes a route of any protocol and scope; nexthops, which may be left out, must be its own. Of
- * an IPv6 destination all routes that match go. -ENOENT when there is none. */
+ * an IPv6 destination all routes that match go, also those that somebody adds meanwhile. -ENOENT
+ * when there is none. */
 OV_ERR_T OV_RTCRouteDel(const OV_RTC_ROUTE_CONF *RouteConf);
 
 /* Calls Callback on the caller's thread with each IPv4 route of all tables, as an added one; a

@@ -72,6 +72,19 @@ read -ra flags <<<"$(pkg-config --cflags --libs librtc)"
 LD_LIBRARY_PATH=$lib "$work/shared" | grep -q ']1 hello' || fail "the shared library"
 "$cxx" -std=c++20 "$(dirname "$0")/../examples/feeddog.cpp" "${flags[@]}" -o "$work/feeddog"
 
+cat >"$work/open.c" <<'EOF'
+#include <dlfcn.h>
+int main(int argc, char *argv[])
+{
+    void *library = argc > 1 ? dlopen(argv[1], RTLD_NOW) : 0;
+    int (*start)(void) = library ? (int (*)(void))dlsym(library, "OV_RTCGenlMonitorInit") : 0;
+    int (*stop)(void) = library ? (int (*)(void))dlsym(library, "OV_RTCGenlMonitorUninit") : 0;
+    return !start || !stop || start() != 0 || stop() != 0 || dlclose(library) != 0;
+}
+EOF
+"$cc" "$work/open.c" -o "$work/open"
+"$work/open" "$lib/librtc.so" || fail "opened, used and closed at run time"
+
 mkdir "$work/user"
 cp "$work/user.c" "$work/user/user.cpp"
 cat >"$work/user/CMakeLists.txt" <<'EOF'
