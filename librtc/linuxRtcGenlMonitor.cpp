@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <errno.h>
+#include <iterator>
 #include <linux/if_bridge.h>
 #include <linux/if_link.h>
 #include <linux/rtnetlink.h>
@@ -81,10 +82,11 @@ static OV_MUTEX_T s_WorkLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 static int gs_EpollFd = -1;
 static struct nl_sock *gs_NlSock; /* the routing socket; null: to be made (again) */
 static OV_RTC_MONITOR_SOCK gs_GenlSock;
-static struct nl_sock *s_CheckSock; /* made once, for all starts */
-static struct nl_sock *s_LostSock;  /* the last one whose descriptor somebody closed */
-static bool s_IsRouteSockLost;      /* so the check thread has to make gs_NlSock */
-static unsigned s_FailureCount;     /* of receiving, one after the other */
+static struct nl_sock *s_CheckSock;    /* made once, for all starts */
+static struct nl_sock *s_LostSocks[8]; /* the last ones whose descriptor somebody closed */
+static size_t s_LostCount;
+static bool s_IsRouteSockLost;  /* so the check thread has to make gs_NlSock */
+static unsigned s_FailureCount; /* of receiving, one after the other */
 static pthread_t gs_MonitorThreadId;
 static pthread_t gs_CheckThreadId; /* 0: none. A thread that is in neither has been stopped. */
 
@@ -387,20 +389,26 @@ static void _SetRouteSock(struct nl_sock *Sock)
     gs_NlSock = Sock;
 }
 
-/* Whether somebody closed the socket's descriptor. Its object must then be given up and not freed:
- * that would close what may be somebody else's file by now. */
-static bool _IsLost(struct nl_sock *Sock)
+/* Whether the descriptor is still the socket's, and not closed, or somebody else's by now. */
+static bool _IsOpen(const struct nl_sock *Sock)
 {
     struct sockaddr_nl Local = {};
     socklen_t Length = sizeof(Local);
 
-    if (getsockname(nl_socket_get_fd(Sock), reinterpret_cast<struct sockaddr *>(&Local), &Length) ==
-            0 &&
-        Local.nl_family == AF_NETLINK && Local.nl_pid == nl_socket_get_local_port(Sock)) {
+    return getsockname(nl_socket_get_fd(Sock), reinterpret_cast<struct sockaddr *>(&Local),
+                       &Length) == 0 &&
+           Local.nl_family == AF_NETLINK && Local.nl_pid == nl_socket_get_local_port(Sock);
+}
+
+/* An object whose descriptor somebody closed is given up and not freed: that would close what may
+ * be somebody else's file. */
+static bool _GiveUpIfLost(struct nl_sock *Sock)
+{
+    if (_IsOpen(Sock)) {
         return false;
     }
     OV_LOG_ERROR("socket(%d) was closed under the monitor", nl_socket_get_fd(Sock));
-    s_LostSock = Sock;
+    s_LostSocks[s_LostCount++ % std::size(s_LostSocks)] = Sock;
     return true;
 }
 
@@ -409,7 +417,7 @@ static void _FreeSock(struct nl_sock *Sock)
     if (gs_EpollFd != -1) {
         _RTCMonitorEpollAdd(gs_EpollFd, Sock, 0);
     }
-    if (!_IsLost(Sock)) {
+    if (!_GiveUpIfLost(Sock)) {
         nl_socket_free(Sock);
     }
 }
@@ -447,7 +455,7 @@ static void _SendDumpRequest(int Type)
     const CANCEL_SCOPE Whole;
     const MUTEX_SCOPE Send(s_SendLock);
 
-    if (gs_NlSock == nullptr || _IsLost(gs_NlSock)) {
+    if (gs_NlSock == nullptr || !_IsOpen(gs_NlSock)) {
         return;
     }
     const int NlError = nl_send_simple(gs_NlSock, Type, NLM_F_REQUEST | NLM_F_DUMP,
@@ -594,17 +602,17 @@ static void *_RTCMonitorThread(void *)
  * ever. */
 static void _ReplaceLostSocks()
 {
-    if (gs_NlSock != nullptr && _IsLost(gs_NlSock)) {
+    if (gs_NlSock != nullptr && _GiveUpIfLost(gs_NlSock)) {
         _SetRouteSock(nullptr);
         s_IsRouteSockLost = true;
     }
     if (s_IsRouteSockLost) {
         s_IsRouteSockLost = !_RebuildRouteSock();
     }
-    if (gs_GenlSock.Sock != nullptr && _IsLost(gs_GenlSock.Sock)) {
+    if (gs_GenlSock.Sock != nullptr && _GiveUpIfLost(gs_GenlSock.Sock)) {
         gs_GenlSock = {};
     }
-    if (s_CheckSock != nullptr && _IsLost(s_CheckSock)) {
+    if (s_CheckSock != nullptr && _GiveUpIfLost(s_CheckSock)) {
         s_CheckSock = nullptr;
     }
 }

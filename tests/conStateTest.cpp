@@ -236,7 +236,7 @@ TEST_F(ConState, EachRecordBecomesItsEventOrIsRefused)
         const std::string Line = ": expected " + std::to_string(Way.Size) + " bytes, " +
                                  std::to_string(Way.Size - 1) + " came\n";
         Add({Way.Attribute, 0, 0, 0, 0}, Short, 0,
-            "3 attribute " + std::to_string(Way.Attribute) + Line);
+            "3 family attribute " + std::to_string(Way.Attribute) + Line);
         Add({0, Way.Module, Way.Type, 0, 0}, Short, 0,
             "3 dispatch type " + std::to_string(Way.Type) + Line);
     }
@@ -250,7 +250,8 @@ TEST_F(ConState, EachRecordBecomesItsEventOrIsRefused)
               ConnLine + UpLine);
     AddFamily({{5, Rate(1, 12296)}, {4, Report(7, "data")}, {2, Flow + "url"}, {1, ""}},
               {BytesOf(FAMILY_RATE.Event) + Rate(1, 12296)},
-              "3 attribute 1: expected 60 bytes, 0 came\n" + BadUrl + BadLength + "7 came\n");
+              "3 family attribute 1: expected 60 bytes, 0 came\n" + BadUrl + BadLength +
+                  "7 came\n");
     AddFamily({{3, Netio(2, 0, 0)}, {4, Report(8, "")}}, {}, "3 Netio notify type 2 is invalid\n");
     AddFamily({{4, Report(8, "")}}, {},
               "3 Oops? The message type is not MC_CONN(cmd: 2); ignoring.\n", 2);

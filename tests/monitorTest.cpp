@@ -183,8 +183,13 @@ static bool Logged(STRINGS *Log, const std::function<bool()> &Condition)
 
 class MonitorTest : public testing::Test {
   protected:
-    static inline const size_t Threads = OpenThreads(); /* without a monitor */
+    static inline size_t Threads; /* without a monitor */
 
+    static void SetUpTestSuite()
+    {
+        std::thread([] {}).join(); /* a sanitizer's own begins with the first */
+        Threads = OpenThreads();
+    }
     void SetUp() override
     {
         RecordLog();
@@ -677,12 +682,12 @@ TEST_F(MonitorTest, FamilyComesChangesAndGoes)
 
     /* A family that came back under the same group does not have us as a member. */
     const int Group = 0x10;
-    uint32_t Groups = 0;
+    uint32_t Groups[8] = {};
     socklen_t Size = sizeof(Groups);
     ASSERT_EQ(setsockopt(Genl, SOL_NETLINK, NETLINK_DROP_MEMBERSHIP, &Group, sizeof(Group)), 0);
     EXPECT_TRUE(WaitUntil([&] {
-        return getsockopt(Genl, SOL_NETLINK, NETLINK_LIST_MEMBERSHIPS, &Groups, &Size) == 0 &&
-               Groups == 1U << (Group - 1);
+        return getsockopt(Genl, SOL_NETLINK, NETLINK_LIST_MEMBERSHIPS, Groups, &Size) == 0 &&
+               Groups[0] == 1U << (Group - 1);
     }));
 
     s_Group = 1;
