@@ -7,6 +7,7 @@
 #include "testSupport.h"
 
 #include <arpa/inet.h>
+#include <bit>
 #include <errno.h>
 #include <netlink/cache.h>
 #include <regex>
@@ -171,6 +172,13 @@ $ ip route replace 8.0.0.0/8 via 1.1.1.2 && ip route append 8.0.0.0/8 via 1.1.1.
 [DEBUG][_OV_RTCRouetProcess]rtnl_route_add failed(ovRet = -17 nlRet = -6(Object exists)).
 {dst:8.0.0.0/8,gateway:1.1.1.2,dev:x},{dst:8.0.0.0/8,gateway:1.1.1.3,dev:x}
 $ ip route flush 8.0.0.0/8
+$ ip route add 8.0.0.0/8 dev y metric 5 && ip route add 8.0.0.0/8 dev y metric 6
+> route del 8.0.0.0 8 0 = 0
+[INFO][_OV_RTCRouetProcess]route del inet 8.0.0.0/8 \n.
+{dst:8.0.0.0/8,dev:y,scope:link,metric:6}
+$ ip route flush 8.0.0.0/8; ip route add 8.0.0.0/8 dev y proto 4
+> route del 8.0.0.0 8 0 = 0, nothing held
+[INFO][_OV_RTCRouetProcess]route del inet 8.0.0.0/8 \n.
 > route add 8:: 64 0 fd::2@ fd::3@x = 0
 [INFO][_OV_RTCRouetProcess]route add inet6 8::/64 type unicast via fd::2 via fd::3 dev 8 \n.
 {dst:8::/64,metric:1024,pref:medium,nexthops:[{gateway:fd::2,dev:x},{gateway:fd::3,dev:x}]}
@@ -207,7 +215,14 @@ $ ip route flush table all proto 4
 > rule add 0 fd05:: 32 2000 = 0
 [INFO][_OV_RTCIpRuleConf]ip rule add        0 inet6 from fd05::/32 lookup 0x7d0 action unicast\n.
 {priority:9,src:8.1.0.0,srclen:16,table:5}{priority:0,src:fd05::,srclen:32,table:2000}
+> rule exists 0 fd05:: 32 2000 = 1
+> rule exists 0 fd05:: 32 2001 = 0
+$ ip rule add blackhole prio 60
+> rule exists 60 0.0.0.0 0 0 = 1
+{priority:9,src:8.1.0.0,srclen:16,table:5},{priority:60,src:all,action:blackhole}{priority:0,src:fd05::,srclen:32,table:2000}
+$ ip rule del prio 60
 > rule exists 9 8.1.0.0 16 5 = 1
+{priority:9,src:8.1.0.0,srclen:16,table:5}{priority:0,src:fd05::,srclen:32,table:2000}
 > rule exists 9 0.0.0.0 0 5 = 1
 > rule exists 9 8.1.0.0 16 0 = 1
 > rule exists 9 8.2.0.0 17 5 @ = 1
@@ -281,12 +296,14 @@ TEST_F(RouteTest, WhatTheStoryCannotSay)
         EXPECT_EQ(OV_RTCTranslateNlError(Number), -Error) << Number;
         EXPECT_EQ(OV_RTCTranslateNlError(-Number), -Error) << Number;
     }
+    const OV_IN_ADDR_TYPE None = std::bit_cast<OV_IN_ADDR_TYPE>(7); /* no value of the type */
+    const OV_RTC_IP_RULE_CONF Odd = {None, 9, 5, {}};
     Other.TargetIp.IpType = 2;
     for (const OV_ERR_T Result :
          {OV_RTCRouteAdd(nullptr), OV_RTCRouteAdd(&Other), OV_RTCRouteReplace(nullptr),
           OV_RTCRouteReplace(&Other), OV_RTCRouteDel(nullptr), OV_RTCRouteDel(&Other),
-          OV_RTCRouteGetAll(nullptr, nullptr), OV_RTCIpRuleAdd(nullptr),
-          OV_RTCIpRuleDel(nullptr)}) {
+          OV_RTCRouteGetAll(nullptr, nullptr), OV_RTCIpRuleAdd(nullptr), OV_RTCIpRuleDel(nullptr),
+          OV_RTCIpRuleAdd(&Odd), OV_RTCIpRuleDel(&Odd)}) {
         EXPECT_EQ(Result, -EINVAL);
     }
     EXPECT_EQ(Logged(), "");
