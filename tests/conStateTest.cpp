@@ -16,6 +16,7 @@
 #include <future>
 #include <linux/rtnetlink.h>
 #include <netlink/netlink.h>
+#include <sys/resource.h>
 
 /* How a record travels: an attribute of the family, a notification of the service; 0: not so. */
 struct WAY {
@@ -229,6 +230,10 @@ TEST_F(ConState, EachRecordBecomesItsEventOrIsRefused)
         "1 recv ovconn peer host notify: NotifyType = 1(reachable) CustomerId = 0 PopId = "
         "3000000000 \n1 Receive reachable notify from Datapath due to at least one connection "
         "with PopId 3000000000 has been up\n");
+    Add(PEER, BytesOf(OV_PEER_HOST_NOTIFY{2, 1, {4}}), 12,
+        "1 recv ovconn peer host notify: NotifyType = 2(unreachable) CustomerId = 1 CpeId = 4 \n"
+        "1 Receive unreachable notify from Datapath due to all connections with CpeId 4 have been "
+        "down\n");
     Add({0, 13, 240, 0, 0}, "", 0, "3 Unknown notify MOD=13 Type=240\n");
     for (const WAY &Way :
          {FAMILY_CONN, SERVICE_CONN, URL, NETIO, REPORT, FAMILY_RATE, CLUSTER, PEER}) {
@@ -307,6 +312,16 @@ TEST_F(ConState, AStateGoesOutToWhoIsThere)
     Log += "1 get family id 4660\n1 send notify to ovconn success, id:-294967296 value:2000\n";
     Log += "3 send notify to ovconn failed, id:-294967296 value:2000,Connection refused\n";
     EXPECT_EQ(TakeMessages("13"), Log);
+
+    struct rlimit All;
+    getrlimit(RLIMIT_NOFILE, &All);
+    const struct rlimit None = {0, All.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &None);
+    EXPECT_EQ(OV_RTCGenlMonitorSendPtxNotify(&State), -1);
+    EXPECT_EQ(OV_RTCGenlMonitorGetAllRoute(Compare), -1);
+    setrlimit(RLIMIT_NOFILE, &All);
+    EXPECT_EQ(TakeMessages("13"), "3 genl_connect failed(err: -1)\n3 _RTCMonitorCreateGenl failed\n"
+                                  "3 genl_connect failed(err: -1)\n");
 }
 
 TEST_F(ConState, TheDumpHasEveryRoute)
