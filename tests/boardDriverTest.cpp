@@ -278,10 +278,10 @@ static std::string ChangesOn(BOARD_STATE *Board, uint8_t Background,
         Places.emplace_back(Hex(Port, 3), Board->Ports + Port);
     }
     BOARD_SUPER_IO &Chip = Board->SuperIo;
-    for (const unsigned Register : {0x1C, 0x2D}) {
+    for (const unsigned Register : {0x1CU, 0x2DU}) {
         Places.emplace_back(Hex(Register, 2), &Chip.Global[Register]);
     }
-    for (const unsigned Register : {0x30, 0xE0, 0xE1, 0xE4, 0xF5, 0xF7}) {
+    for (const unsigned Register : {0x30U, 0xE0U, 0xE1U, 0xE4U, 0xF5U, 0xF7U}) {
         Places.emplace_back("8:" + Hex(Register, 2), &Chip.Device[0x08][Register]);
     }
     Places.emplace_back("F:E9", &Chip.Device[0x0F][0xE9]);
