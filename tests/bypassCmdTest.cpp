@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <regex>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -22,17 +23,14 @@ static const std::string USAGE = "usage:\n"
                                  "\tbypass_cmd -b <0/1>       0: no-bypass 1: bypass\n"
                                  "\tbypass_cmd -m <0/1>       0: disable  bypass mode 1: enable\n";
 
-struct BOARD {
+/* What the boards are called by DMI and by the log. */
+static constexpr struct {
     const char *ProductName;
-    const char *LogName;
     const char *TableName;
-};
-static constexpr BOARD BOARDS[] = {
-    {"Aptio CRB", "QiYang-J1900", "QiYang-J1900"},
-    {"B1904", "Huier-J1900", "Huier-J1900"},
-    {"IEC-810N4SC", "Huier-H61", "Huier-H61"},
-    {"CARLOW", "LiHua-8865", "Lihua-8865"},
-};
+} BOARDS[] = {{"Aptio CRB", "QiYang-J1900"},
+              {"B1904", "Huier-J1900"},
+              {"IEC-810N4SC", "Huier-H61"},
+              {"CARLOW", "Lihua-8865"}};
 
 class BypassCmd : public testing::Test {
   protected:
@@ -89,10 +87,6 @@ class BypassCmd : public testing::Test {
         return WaitForProcess(std::exchange(Daemon, -1));
     }
 
-    std::vector<BOARD_ACCESS> Trace() const
-    {
-        return {Board->Trace, Board->Trace + Board->TraceCount};
-    }
     bool Relays(BOARD_RELAY Expected) const
     {
         for (unsigned Pair = 1; Pair <= BoardRelayCount(Board); Pair++) {
@@ -102,41 +96,44 @@ class BypassCmd : public testing::Test {
         }
         return true;
     }
+    /* The trace in letters: d the daemon, t a port access of the tool's, S its signal to the
+     * daemon, which is told to be silent. */
+    std::string Order() const
+    {
+        std::string Letters;
+        for (uint32_t Index = 0; Index < Board->TraceCount; Index++) {
+            const BOARD_ACCESS &Entry = Board->Trace[Index];
+            if (strcmp(Entry.Process, "feeddog") == 0) {
+                Letters += 'd';
+            } else if (Entry.Kind <= BOARD_OUT32) {
+                Letters += 't';
+            } else if (Entry.Kind == BOARD_SIGNAL && Entry.Port == SIGUSR2 && Entry.Result == 0) {
+                Letters += static_cast<pid_t>(Entry.Value) == Daemon ? 'S' : '?';
+            }
+        }
+        return Letters;
+    }
 
     BOARD_STATE *Board = nullptr;
     std::string ProductName = "B1904";
     pid_t Daemon = -1;
 };
 
-static bool IsPortAccess(const BOARD_ACCESS &Entry)
-{
-    return Entry.Kind <= BOARD_OUT32;
-}
-
 TEST_F(BypassCmd, WordsOfTheCommandLine)
 {
-    struct ROW {
-        STRINGS Arguments;
-        int Status;
-    };
-    static const ROW Rows[] = {
-        {{}, 255},
-        {{"-h"}, 0},
-        {{"-b", "2"}, 255},
-        {{"-m", "-1"}, 255},
-        {{"-b", "1", "-m", "2"}, 255},
-        {{"-b", "0", "-h"}, 0},
-        {{"-x"}, 255},
-        {{"-b"}, 255},
+    static const std::vector<std::pair<STRINGS, int>> Rows = {
+        {{}, 255},           {{"-h"}, 0},
+        {{"-b", "2"}, 255},  {{"-b", "1", "-m", "2"}, 255},
+        {{"-m", "-1"}, 255}, {{"-b", "0", "-h"}, 0},
+        {{"-x"}, 255},       {{"-b"}, 255},
     };
     Use("B1904");
-    for (const ROW &Row : Rows) {
+    for (const auto &[Arguments, Status] : Rows) {
         STRINGS Command = {"bypass_cmd"};
-        Command.insert(Command.end(), Row.Arguments.begin(), Row.Arguments.end());
-        SCOPED_TRACE(testing::PrintToString(Row.Arguments));
-        EXPECT_EQ(Run(Command), Row.Status);
-        const std::string Output = ReadFile(OUTPUT_PATH);
-        EXPECT_EQ(Output.substr(Output.size() - std::min(Output.size(), USAGE.size())), USAGE);
+        Command.insert(Command.end(), Arguments.begin(), Arguments.end());
+        SCOPED_TRACE(testing::PrintToString(Arguments));
+        EXPECT_EQ(Run(Command), Status);
+        EXPECT_TRUE(ReadFile(OUTPUT_PATH).ends_with(USAGE)) << ReadFile(OUTPUT_PATH);
         EXPECT_FALSE(std::filesystem::exists(LOG_PATH));
         EXPECT_EQ(Board->TraceCount, 0U);
     }
@@ -149,18 +146,14 @@ TEST_F(BypassCmd, WordsOfTheCommandLine)
 
 TEST_F(BypassCmd, EveryBoard)
 {
-    for (const BOARD &Row : BOARDS) {
-        SCOPED_TRACE(Row.ProductName);
+    for (const auto &[Name, TableName] : BOARDS) {
+        SCOPED_TRACE(Name);
         SetUp();
-        Use(Row.ProductName);
+        Use(Name);
         EXPECT_EQ(Run({"bypass_cmd", "-b", "1"}), 0);
         EXPECT_TRUE(Relays(RELAY_BYPASS));
-        const STRINGS Log = Lines(ReadFile(LOG_PATH));
-        ASSERT_EQ(Log.size(), 3U);
-        EXPECT_TRUE(Contains(Log[0], "]: agent log start"));
-        EXPECT_TRUE(Contains(Log[1], std::string("]hardware platform: ") + Row.LogName));
-        EXPECT_TRUE(
-            Contains(Log[2], std::string("]set ") + Row.TableName + " bypass success(ret: 0)"));
+        EXPECT_TRUE(ReadFile(LOG_PATH).ends_with(std::string("]set ") + TableName +
+                                                 " bypass success(ret: 0)\n"));
 
         /* Bypass before mode, whatever the order of the words. */
         EXPECT_EQ(Run({"bypass_cmd", "-m", "1", "-b", "0"}), 0);
@@ -207,9 +200,7 @@ TEST_F(BypassCmd, NoRightToSignal)
     EXPECT_TRUE(Contains(ReadFile(LOG_PATH),
                          "]send signal(disable) to feeddog(ret: -1, Operation not permitted)\n"));
     EXPECT_TRUE(std::filesystem::exists(PID_PATH));
-    for (const BOARD_ACCESS &Entry : Trace()) {
-        EXPECT_EQ(Entry.Kind, BOARD_SIGNAL) << "the relay is not touched: " << Entry.Note;
-    }
+    EXPECT_EQ(Order(), "") << "the relay is not touched";
     EXPECT_EQ(Run({"setpriv", "--reuid=65534", "--clear-groups", "bypass_cmd", "-m", "1"}), 0);
     EXPECT_TRUE(Contains(ReadFile(LOG_PATH), "]open conf file(/etc/feeddog.conf) failed\n"));
 }
@@ -230,22 +221,7 @@ TEST_F(BypassCmd, ARunningDaemonIsSilencedFirst)
         EXPECT_TRUE(WaitUntil([&] { return BoardWatchdogRemaining(Board) == 0; }));
         EXPECT_TRUE(Relays(RELAY_BYPASS)) << "stopped, not expired";
 
-        const std::vector<BOARD_ACCESS> Entries = Trace();
-        const auto IsTools = [](const BOARD_ACCESS &Entry) {
-            return IsPortAccess(Entry) && std::string(Entry.Process) == "bypass_cmd";
-        };
-        const auto Signal = std::find_if(Entries.begin(), Entries.end(), [&](const auto &Entry) {
-            return Entry.Kind == BOARD_SIGNAL && Entry.Port == SIGUSR2 &&
-                   Entry.Value == static_cast<uint32_t>(Daemon) && Entry.Result == 0;
-        });
-        const auto First = std::find_if(Entries.begin(), Entries.end(), IsTools);
-        const auto Last = std::find_if(Entries.rbegin(), Entries.rend(), IsTools).base();
-        ASSERT_NE(Signal, Entries.end());
-        ASSERT_NE(First, Entries.end());
-        EXPECT_LT(Signal, First);
-        EXPECT_TRUE(std::all_of(First, Last, [](const BOARD_ACCESS &Entry) {
-            return std::string(Entry.Process) != "feeddog";
-        }));
+        EXPECT_TRUE(std::regex_match(Order(), std::regex("d+Sd*t+d*"))) << Order();
         EXPECT_TRUE(Contains(ReadFile(LOG_PATH), "]disable feeddog\n"));
 
         /* Enabling wakes it, and it ends with its watchdog stopped and its file removed. */

@@ -138,9 +138,8 @@ TEST_F(Imc, AFlexMsgGrowsToWhatBytesNeedAndDoublesForTextOrStaysAsItWas)
 
     OV_FLEXIBLE_MSG *const Msg = OV_FlexMsgAlloc();
     OV_FlexMsgSafeSetData(Msg, "0123", 4);
-    for (const size_t Count : {SIZE_MAX, SIZE_MAX - 3, SIZE_MAX - 4, size_t{UINT32_MAX}}) {
+    for (const size_t Count : {SIZE_MAX, SIZE_MAX - 4, size_t{UINT32_MAX}}) {
         EXPECT_EQ(OV_FlexMsgSafeSetData(Msg, "", Count), -ENOMEM) << Count;
-        EXPECT_EQ(TakeSystemLog(), STRINGS{"3 _OV_ImcConfClientThread realloc memory failed\n"});
     }
     EXPECT_EQ(OV_FlexMsgSetFormatData(Msg, "%lc", static_cast<wint_t>(0x20AC)), -ENOMEM);
     EXPECT_TRUE(Msg->Size == 4096 && Msg->Pos == 4);
@@ -159,19 +158,15 @@ TEST_F(Imc, AFlexMsgGrowsToWhatBytesNeedAndDoublesForTextOrStaysAsItWas)
 TEST_F(Imc, RequestsAreTheseBytesInOneSend)
 {
     using namespace std::string_literals;
-    const std::string Bare = "\x8\0\x34\x12\0\0\0\0\0\0\0\0\0\0\0\0"s;
     const std::string Agrees = Reply(0, "");
-    const std::string Whole = "\x8\0\x34\x12\0\0\0\0\x10\0\0\0\0\0\0\0"s + Agrees;
     Sends = 0;
-    EXPECT_EQ(OV_ImcConfSet(8, 0x1234, nullptr, 0), 0);
-    EXPECT_EQ(LastRequest(), Bare);
     EXPECT_EQ(OV_ImcConfSet(8, 0x1234, Agrees.data(), 16), 0);
-    EXPECT_EQ(LastRequest(), Whole);
+    EXPECT_EQ(LastRequest(), "\x8\0\x34\x12\0\0\0\0\x10\0\0\0\0\0\0\0"s + Agrees);
     EXPECT_EQ(OV_ImcConfGet(8, 0x1234, nullptr, 3, nullptr, 9), 0);
     /* Callers' compilers narrow the operation in silence; here the invocation does. */
     EXPECT_EQ(std::invoke(OV_ImcConfGetByFunc, 8, 0x1234, nullptr, 3, nullptr, nullptr), 0);
     EXPECT_EQ(LastRequest(), "\x8\0\x34\0\0\0\0\0\0\0\0\0\0\0\0\0"s);
-    EXPECT_EQ(Sends, 4);
+    EXPECT_EQ(Sends, 3);
 }
 
 /* Hostile claims go on with a good reply, which no exchange may find. */
@@ -256,7 +251,6 @@ TEST_F(Imc, StartsAndStopsInAndOutOfTurn)
     EXPECT_EQ(OV_ImcConfClientInit(), -EALREADY);
     OV_FlexMsgInit(); /* another user's */
     OV_ImcConfClientRelease();
-    OV_ImcConfClientRelease();
     EXPECT_EQ(Blocks(), 0) << "the other user's";
     OV_FlexMsgRelease();
     EXPECT_EQ(OV_FlexMsgAlloc(), nullptr);
@@ -265,27 +259,6 @@ TEST_F(Imc, StartsAndStopsInAndOutOfTurn)
               (STRINGS{"3 _OV_ImcConfClientThread alloc memory failed\n",
                        "3 OV_ImcSendAll failed : Bad file descriptor -9\n",
                        "3 Failed to OV_ImcConfigure in OV_ImcConfSet :Bad file descriptor \n"}));
-}
-
-/* A start that came while a stop still waits would lose its lock and socket to that stop. */
-TEST_F(Imc, AStartDoesNotOvertakeAStop)
-{
-    static std::atomic<bool> s_MayEnd;
-    s_MayEnd = false;
-    const auto Wait = [](const void *, size_t, void *) -> OV_ERR_T {
-        EXPECT_TRUE(WaitUntil([] { return s_MayEnd.load(); }));
-        return 7;
-    };
-    std::jthread Handling(
-        [&] { EXPECT_EQ(OV_ImcConfGetByFunc(8, 2, nullptr, 0, Wait, nullptr), 7); });
-    EXPECT_TRUE(WaitUntil([&] { return Blocks() == 2 && LastRequest().size() == 16; }));
-    std::jthread Stopping(OV_ImcConfClientRelease);
-    EXPECT_TRUE(WaitUntil([] { return OV_ImcConfSet(8, 2, nullptr, 0) == -EBADF; }));
-    EXPECT_EQ(OV_ImcConfClientInit(), -EALREADY);
-    s_MayEnd = true;
-    Handling.join();
-    Stopping.join();
-    SetUp();
 }
 
 TEST(ImcStart, ARefusedOneSaysSoAndLeavesNothing)
@@ -303,13 +276,13 @@ TEST(ImcStart, ARefusedOneSaysSoAndLeavesNothing)
 /* They are cancelled: an exchange that ended in its middle would mix up all others. */
 TEST_F(Imc, FourThreadsGetTheirOwnReplies)
 {
-    std::vector<std::jthread> Threads(4);
+    std::vector<std::jthread> Threads;
     std::atomic<int> Right = 0;
-    for (size_t Thread = 0; Thread < 4; Thread++) {
-        Threads[Thread] = std::jthread([&, Thread] {
+    for (int Thread = 1; Thread <= 4; Thread++) {
+        Threads.emplace_back([&, Thread] {
             pthread_cancel(pthread_self());
-            for (size_t Count = 0; Count < 500; Count++) {
-                const std::string Answer = Reply(0, std::to_string(Thread * 1000 + 1000 + Count));
+            for (int Count = 0; Count < 500; Count++) {
+                const std::string Answer = Reply(0, std::to_string(Thread * 1000 + Count));
                 std::string Got(4, '.');
                 OV_ImcConfGet(8, 2, Answer.data(), Answer.size(), Got.data(), Got.size());
                 Right += Answer.ends_with(Got);
@@ -320,16 +293,27 @@ TEST_F(Imc, FourThreadsGetTheirOwnReplies)
     EXPECT_EQ(Right, 2000);
 }
 
-/* One waits for a silent service, the others for their turn, when the stop comes. */
-TEST_F(Imc, AStopEndsExchangesThatHang)
+/* One exchange waits for a silent service, others for their turn, one is in its handler: the stop
+ * ends them. A start that overtook it would lose its lock and socket to that stop. */
+TEST_F(Imc, AStopEndsExchangesThatHangAndNoStartOvertakesIt)
 {
-    std::vector<std::jthread> Threads(3);
+    static std::atomic<bool> s_MayEnd;
+    s_MayEnd = false;
+    const auto Wait = [](const void *, size_t, void *) -> OV_ERR_T {
+        EXPECT_TRUE(WaitUntil([] { return s_MayEnd.load(); }));
+        return 7;
+    };
     std::atomic<int> Failed = 0;
-    for (std::jthread &Thread : Threads) {
-        Thread = std::jthread([&] { Failed += OV_ImcConfSet(8, 2, "hangs", 5) < 0; });
+    std::vector<std::jthread> Threads;
+    Threads.emplace_back(
+        [&] { EXPECT_EQ(OV_ImcConfGetByFunc(8, 2, nullptr, 0, Wait, nullptr), 7); });
+    EXPECT_TRUE(WaitUntil([&] { return Blocks() == 2 && LastRequest().size() == 16; }));
+    for (int Thread = 0; Thread < 3; Thread++) {
+        Threads.emplace_back([&] { Failed += OV_ImcConfSet(8, 2, "hangs", 5) < 0; });
     }
-    EXPECT_TRUE(WaitUntil([&] { return Blocks() == 6 && LastRequest().size() == 21; }));
-    TearDown();
-    Threads.clear();
-    EXPECT_EQ(Failed, 3);
+    EXPECT_TRUE(WaitUntil([&] { return Blocks() == 8 && LastRequest().size() == 21; }));
+    Threads.emplace_back([this] { TearDown(); });
+    EXPECT_TRUE(WaitUntil([&] { return Failed == 3; }));
+    EXPECT_EQ(OV_ImcConfClientInit(), -EALREADY);
+    s_MayEnd = true;
 }

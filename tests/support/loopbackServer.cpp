@@ -9,7 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-static int Listen(uint16_t Port)
+int ListenOnLoopback(uint16_t Port, int Backlog)
 {
     const int Socket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int One = 1;
@@ -20,7 +20,7 @@ static int Listen(uint16_t Port)
     Address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     setsockopt(Socket, SOL_SOCKET, SO_REUSEADDR, &One, sizeof(One));
     if (bind(Socket, reinterpret_cast<const struct sockaddr *>(&Address), sizeof(Address)) != 0 ||
-        listen(Socket, 64) != 0) {
+        listen(Socket, Backlog) != 0) {
         perror("loopback server");
         abort();
     }
@@ -28,7 +28,8 @@ static int Listen(uint16_t Port)
 }
 
 LOOPBACK_SERVER::LOOPBACK_SERVER(uint16_t Port, SERVE ServeConnection)
-    : Serve(std::move(ServeConnection)), ListenSocket(Listen(Port)), Acceptor([this] { Accept(); })
+    : Serve(std::move(ServeConnection)), ListenSocket(ListenOnLoopback(Port, 64)),
+      Acceptor([this] { Accept(); })
 {
 }
 

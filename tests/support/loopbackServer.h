@@ -37,6 +37,9 @@ class LOOPBACK_SERVER {
     std::thread Acceptor;
 };
 
+/* A socket that listens there; Backlog as for listen. */
+int ListenOnLoopback(uint16_t Port, int Backlog);
+
 /* Exactly Size bytes; shorter when the peer is gone. */
 std::string ReceiveBytes(int Socket, size_t Size);
 /* All of them at once, or in pieces of that many bytes; false when the peer is gone. */
