@@ -219,6 +219,9 @@ static int PrintEvent(OV_RTC_MONITOR_NOTIFY *Notify)
     return 0;
 }
 
+static void LogListToStderr(int Level, const char *Format, va_list Arguments) OV_PRINTF_LIKE(2, 0);
+static void LogToStderr(int Level, const char *Format, ...) OV_PRINTF_LIKE(2, 3);
+
 static void LogListToStderr(int /*Level*/, const char *Format, va_list Arguments)
 {
     vfprintf(stderr, Format, Arguments);

@@ -417,7 +417,7 @@ TEST_F(MonitorTest, DumpsTellWhatWasTold)
     const auto Lists = [](const std::vector<OV_RTC_MONITOR_NOTIFY> &Dump,
                           const OV_RTC_MONITOR_NOTIFY &Route) {
         return std::count_if(Dump.begin(), Dump.end(), [&](const OV_RTC_MONITOR_NOTIFY &Listed) {
-                   return memcmp(&Listed, &Route, sizeof(Route)) == 0;
+                   return BytesOf(Listed) == BytesOf(Route);
                }) == 1;
     };
     OV_RTCGenlMonitorUninit(); /* so that the dumps alone fill s_Events */

@@ -11,8 +11,8 @@ extern "C" const char *__asan_default_options()
     return "verify_asan_link_order=0:use_sigaltstack=0";
 }
 
-/* The sanitizer follows no lock of a thread that is cancelled in a wait, so it does not see how that
- * thread leaves, nor that it has left before the stop closes what it waited on. */
+/* The sanitizer follows no lock of a thread that is cancelled in a wait, so it does not see how
+ * that thread leaves, nor that it has left before the stop closes what it waited on. */
 extern "C" const char *__tsan_default_suppressions();
 extern "C" const char *__tsan_default_suppressions()
 {
