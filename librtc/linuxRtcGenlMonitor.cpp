@@ -18,6 +18,7 @@
 #include <netlink/msg.h>
 #include <netlink/netlink.h>
 #include <netlink/socket.h>
+#include <new>
 #include <stdio.h>
 #include <string.h>
 #include <sys/epoll.h>
@@ -131,20 +132,6 @@ static int _Wait(WAIT Blocking)
     errno = Error;
     return Result;
 }
-
-class LIST_WRITE_SCOPE {
-  public:
-    LIST_WRITE_SCOPE()
-    {
-        pthread_rwlock_wrlock(&gs_MonitorListRWLock);
-    }
-    ~LIST_WRITE_SCOPE()
-    {
-        pthread_rwlock_unlock(&gs_MonitorListRWLock);
-    }
-    LIST_WRITE_SCOPE(const LIST_WRITE_SCOPE &) = delete;
-    LIST_WRITE_SCOPE &operator=(const LIST_WRITE_SCOPE &) = delete;
-};
 
 /* ---- Events of the routing socket ---- */
 
@@ -806,7 +793,7 @@ int OV_RTCGenlMonitorUninit(void)
         s_IsRouteSockLost = false;
     }
     OV_RTCRouteRelease();
-    const LIST_WRITE_SCOPE List;
+    const WRITE_LOCK_SCOPE List(gs_MonitorListRWLock);
     for (_OV_RTC_MONITOR &Slot : gs_MonitorList) {
         Slot.callback = nullptr;
     }
@@ -821,7 +808,7 @@ int OV_RTCGenlMonitorRegCallback(NotifyCallback Callback)
         return -EDEADLK;
     }
     const CANCEL_SCOPE Whole;
-    const LIST_WRITE_SCOPE List;
+    const WRITE_LOCK_SCOPE List(gs_MonitorListRWLock);
     if (gs_MonitorEnable == 0) { /* also when a stop has just emptied the table */
         return -1;
     }
@@ -846,7 +833,7 @@ int OV_RTCGenlMonitorUnregCallback(int RegId)
         return -EDEADLK;
     }
     const CANCEL_SCOPE Whole;
-    const LIST_WRITE_SCOPE List;
+    const WRITE_LOCK_SCOPE List(gs_MonitorListRWLock);
     gs_MonitorList[RegId].callback = nullptr;
     return 0;
 }

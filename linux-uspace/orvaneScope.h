@@ -70,6 +70,24 @@ class SPINLOCK_SCOPE {
     OV_SPINLOCK_T &Held;
 };
 
+/* A read-write lock, held for writing. */
+class WRITE_LOCK_SCOPE {
+  public:
+    explicit WRITE_LOCK_SCOPE(pthread_rwlock_t &Lock) : Held(Lock)
+    {
+        pthread_rwlock_wrlock(&Held);
+    }
+    ~WRITE_LOCK_SCOPE()
+    {
+        pthread_rwlock_unlock(&Held);
+    }
+    WRITE_LOCK_SCOPE(const WRITE_LOCK_SCOPE &) = delete;
+    WRITE_LOCK_SCOPE &operator=(const WRITE_LOCK_SCOPE &) = delete;
+
+  private:
+    pthread_rwlock_t &Held;
+};
+
 class RCU_READ_SCOPE {
   public:
     RCU_READ_SCOPE()
