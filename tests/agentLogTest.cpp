@@ -229,7 +229,7 @@ TEST_F(AgentLog, NoLineIsLostSplitOrDoubledBetweenThreads)
 {
     static constexpr int THREADS = 4;
     static constexpr int MOVES = 9;
-    static constexpr int PART = 200; /* lines of each thread between two moves */
+    static constexpr int PART = 200; /* lines of each thread for one move; the next may begin */
     std::atomic<int> Written{0};
     std::atomic<int> Moved{0};
     std::vector<std::jthread> Threads;
@@ -238,7 +238,7 @@ TEST_F(AgentLog, NoLineIsLostSplitOrDoubledBetweenThreads)
     for (int Thread = 0; Thread < THREADS; Thread++) {
         Threads.emplace_back([Thread, &Written, &Moved] {
             for (int Line = 0; Line < PART * (MOVES + 1); Line++) {
-                WaitUntil([&] { return Line < PART * (Moved + 1); });
+                WaitUntil([&] { return Line < PART * (Moved + 2); });
                 const std::string Filling(static_cast<size_t>(Line % 300), 'x');
                 OV_LOG_INFO("%d:%d:%s", Thread, Line, Filling.c_str());
                 Written++;
