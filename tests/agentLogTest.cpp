@@ -229,7 +229,7 @@ TEST_F(AgentLog, NoLineIsLostSplitOrDoubledBetweenThreads)
 {
     static constexpr int THREADS = 4;
     static constexpr int MOVES = 9;
-    static constexpr int PART = 200; /* lines of each thread between two moves */
+    static constexpr int PART = 200; /* lines of each thread for one move; the next may begin */
     std::atomic<int> Written{0};
     std::atomic<int> Moved{0};
     std::vector<std::jthread> Threads;
@@ -238,7 +238,7 @@ TEST_F(AgentLog, NoLineIsLostSplitOrDoubledBetweenThreads)
     for (int Thread = 0; Thread < THREADS; Thread++) {
         Threads.emplace_back([Thread, &Written, &Moved] {
             for (int Line = 0; Line < PART * (MOVES + 1); Line++) {
-                WaitUntil([&] { return Line < PART * (Moved + 1); });
+                WaitUntil([&] { return Line < PART * (Moved + 2); });
                 const std::string Filling(static_cast<size_t>(Line % 300), 'x');
                 OV_LOG_INFO("%d:%d:%s", Thread, Line, Filling.c_str());
                 Written++;
@@ -249,7 +249,9 @@ TEST_F(AgentLog, NoLineIsLostSplitOrDoubledBetweenThreads)
     for (int Move = 1; Move <= MOVES; Move++) {
         WaitUntil([&] { return Written > THREADS * PART * Move - 2 * PART; });
         Files.push_back(std::string(LOG_PATH) + "." + std::to_string(Move));
-        EXPECT_EQ(rename(LOG_PATH, Files.back().c_str()), 0);
+        if (rename(LOG_PATH, Files.back().c_str()) != 0) {
+            Files.pop_back(); /* nobody has written since the last move */
+        }
         OV_AgentLogFileCheck();
         Moved++;
     }
@@ -270,4 +272,5 @@ TEST_F(AgentLog, NoLineIsLostSplitOrDoubledBetweenThreads)
         }
     }
     EXPECT_EQ(Seen.size(), static_cast<size_t>(Written));
+    EXPECT_GT(Files.size(), 2U);
 }

@@ -67,6 +67,7 @@ class BypassCmd : public testing::Test {
         return StartProcess(Command,
                             {"RTC_BOARD=" + std::string(BOARD_PATH),
                              "RTC_BOARD_NAME=" + ProductName,
+                             "ASAN_OPTIONS=verify_asan_link_order=0", /* the board comes first */
                              "LD_PRELOAD=" + BuildFolder() + "/librtcBoard.so"},
                             Output);
     }
@@ -162,11 +163,12 @@ TEST_F(BypassCmd, EveryBoard)
         EXPECT_EQ(ReadFile("/run/services"), "systemctl restart feeddog\n");
         const std::string Text = ReadFile(LOG_PATH);
         EXPECT_LT(Text.find(" no-bypass success"), Text.find("] enable bypass-mode\n"));
+        EXPECT_TRUE(Text.ends_with("] enable bypass-mode\n"));
 
         Board->RefuseRaise = -1; /* the mode touches no hardware */
         EXPECT_EQ(Run({"bypass_cmd", "-m", "0"}), 0);
         EXPECT_EQ(ReadFile(CONF_PATH), "feeddog=0\n");
-        EXPECT_TRUE(Contains(ReadFile(LOG_PATH), "] disable bypass-mode\n"));
+        EXPECT_TRUE(ReadFile(LOG_PATH).ends_with("] disable bypass-mode\n"));
         EXPECT_EQ(Board->FaultCount, 0U);
     }
 }
