@@ -8,8 +8,8 @@
 #include <atomic>
 #include <errno.h>
 #include <fcntl.h>
+#include <map>
 #include <regex>
-#include <set>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -227,50 +227,59 @@ TEST_F(AgentLog, AFullDiskLosesLinesButNeitherErrnoNorTheProcess)
  * whole, in one of the files. */
 TEST_F(AgentLog, NoLineIsLostSplitOrDoubledBetweenThreads)
 {
-    static constexpr int THREADS = 4;
-    static constexpr int MOVES = 9;
-    static constexpr int PART = 200; /* lines of each thread for one move; the next may begin */
+    constexpr int THREADS = 4;
+    constexpr int LINES_EACH = 2000;
+    constexpr int MOVES = 10;
+    std::vector<std::thread> Threads;
     std::atomic<int> Written{0};
     std::atomic<int> Moved{0};
-    std::vector<std::jthread> Threads;
 
     ASSERT_EQ(OV_AgentFileLogCtor(LOG_PATH), 0);
+    Threads.reserve(THREADS);
     for (int Thread = 0; Thread < THREADS; Thread++) {
         Threads.emplace_back([Thread, &Written, &Moved] {
-            for (int Line = 0; Line < PART * (MOVES + 1); Line++) {
-                WaitUntil([&] { return Line < PART * (Moved + 2); });
-                const std::string Filling(static_cast<size_t>(Line % 300), 'x');
-                OV_LOG_INFO("%d:%d:%s", Thread, Line, Filling.c_str());
+            for (int Line = 0; Line < LINES_EACH; Line++) {
+                if (Line % (LINES_EACH / MOVES) == 0) { /* never past a mover that has no turn */
+                    WaitUntil([&] { return Moved >= Line * MOVES / LINES_EACH - 1; });
+                }
+                OV_LOG_INFO("%d:%d:%s", Thread, Line,
+                            std::string(static_cast<size_t>(Line % 300), 'x').c_str());
                 Written++;
             }
         });
     }
     STRINGS Files = {LOG_PATH};
     for (int Move = 1; Move <= MOVES; Move++) {
-        WaitUntil([&] { return Written > THREADS * PART * Move - 2 * PART; });
-        Files.push_back(std::string(LOG_PATH) + "." + std::to_string(Move));
-        if (rename(LOG_PATH, Files.back().c_str()) != 0) {
-            Files.pop_back(); /* nobody has written since the last move */
+        WaitUntil([&] { return Written >= Move * THREADS * LINES_EACH / (MOVES + 1); });
+        if (access(LOG_PATH, F_OK) == 0) {
+            Files.push_back(std::string(LOG_PATH) + "." + std::to_string(Move));
+            rename(LOG_PATH, Files.back().c_str());
         }
         OV_AgentLogFileCheck();
         Moved++;
     }
-    Threads.clear();
+    for (std::thread &Thread : Threads) {
+        Thread.join();
+    }
 
-    std::set<std::string> Seen;
-    const std::regex Whole(TIME + R"(\[INFO\]\[operator\(\)-\d+\](\d+:(\d+)):(x*))");
+    std::map<std::string, int> Seen;
+    const std::regex Whole(TIME + R"(\[INFO\]\[operator\(\)-\d+\](\d+:\d+):(x*))");
     for (const std::string &File : Files) {
         for (const std::string &Line : Lines(ReadFile(File))) {
             std::smatch Parts;
             if (std::regex_match(Line, Parts, Whole)) {
-                EXPECT_EQ(Parts[3].length(), std::stoi(Parts[2]) % 300);
-                EXPECT_TRUE(Seen.insert(Parts[1]).second) << "twice: " << Line;
+                const int Number = std::stoi(Parts[1].str().substr(2));
+                EXPECT_EQ(Parts[2].length(), Number % 300);
+                Seen[Parts[1]]++;
             } else {
                 EXPECT_TRUE(Matches(Line, TIME + ": (agent log start|re-created agent log\\.)"))
                     << Line;
             }
         }
     }
-    EXPECT_EQ(Seen.size(), static_cast<size_t>(Written));
+    EXPECT_EQ(Seen.size(), static_cast<size_t>(THREADS * LINES_EACH));
+    for (const auto &[Line, Count] : Seen) {
+        EXPECT_EQ(Count, 1) << Line;
+    }
     EXPECT_GT(Files.size(), 2U);
 }
