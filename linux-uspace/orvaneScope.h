@@ -36,57 +36,27 @@ class CANCEL_SCOPE {
     int Before;
 };
 
-class MUTEX_SCOPE {
+template <typename LOCK, auto Take, auto GiveBack>
+class LOCK_SCOPE {
   public:
-    explicit MUTEX_SCOPE(OV_MUTEX_T &Mutex) : Held(Mutex)
+    explicit LOCK_SCOPE(LOCK &Lock) : Held(Lock)
     {
-        OV_MutexLock(&Held);
+        Take(&Held);
     }
-    ~MUTEX_SCOPE()
+    ~LOCK_SCOPE()
     {
-        OV_MutexUnlock(&Held);
+        GiveBack(&Held);
     }
-    MUTEX_SCOPE(const MUTEX_SCOPE &) = delete;
-    MUTEX_SCOPE &operator=(const MUTEX_SCOPE &) = delete;
+    LOCK_SCOPE(const LOCK_SCOPE &) = delete;
+    LOCK_SCOPE &operator=(const LOCK_SCOPE &) = delete;
 
   private:
-    OV_MUTEX_T &Held;
+    LOCK &Held;
 };
 
-class SPINLOCK_SCOPE {
-  public:
-    explicit SPINLOCK_SCOPE(OV_SPINLOCK_T &Lock) : Held(Lock)
-    {
-        OV_SpinLock_BH(&Held);
-    }
-    ~SPINLOCK_SCOPE()
-    {
-        OV_SpinUnlock_BH(&Held);
-    }
-    SPINLOCK_SCOPE(const SPINLOCK_SCOPE &) = delete;
-    SPINLOCK_SCOPE &operator=(const SPINLOCK_SCOPE &) = delete;
-
-  private:
-    OV_SPINLOCK_T &Held;
-};
-
-/* A read-write lock, held for writing. */
-class WRITE_LOCK_SCOPE {
-  public:
-    explicit WRITE_LOCK_SCOPE(pthread_rwlock_t &Lock) : Held(Lock)
-    {
-        pthread_rwlock_wrlock(&Held);
-    }
-    ~WRITE_LOCK_SCOPE()
-    {
-        pthread_rwlock_unlock(&Held);
-    }
-    WRITE_LOCK_SCOPE(const WRITE_LOCK_SCOPE &) = delete;
-    WRITE_LOCK_SCOPE &operator=(const WRITE_LOCK_SCOPE &) = delete;
-
-  private:
-    pthread_rwlock_t &Held;
-};
+using MUTEX_SCOPE = LOCK_SCOPE<OV_MUTEX_T, OV_MutexLock, OV_MutexUnlock>;
+using SPINLOCK_SCOPE = LOCK_SCOPE<OV_SPINLOCK_T, OV_SpinLock_BH, OV_SpinUnlock_BH>;
+using WRITE_LOCK_SCOPE = LOCK_SCOPE<pthread_rwlock_t, pthread_rwlock_wrlock, pthread_rwlock_unlock>;
 
 class RCU_READ_SCOPE {
   public:
