@@ -84,6 +84,7 @@ static int gs_EpollFd = -1;
 static struct nl_sock *gs_NlSock; /* the routing socket; null: to be made (again) */
 static OV_RTC_MONITOR_SOCK gs_GenlSock;
 static struct nl_sock *s_CheckSock;    /* made once, for all starts */
+static struct nl_sock *s_ParentsSock;  /* a forked child's s_CheckSock of before: not to be used */
 static struct nl_sock *s_LostSocks[8]; /* the last ones whose descriptor somebody closed */
 static size_t s_LostCount;
 static bool s_IsRouteSockLost;  /* so the check thread has to make gs_NlSock */
@@ -732,6 +733,9 @@ static void _ForgetThreads()
     new (&s_Waiters) GATE(true);
     gs_MonitorThreadId = gs_CheckThreadId = 0;
     s_IsDelivering = false;
+    if (s_CheckSock != nullptr) { /* both processes would take each other's answers from it */
+        s_ParentsSock = std::exchange(s_CheckSock, nullptr);
+    }
 }
 
 static void _WatchForks()
@@ -756,6 +760,7 @@ static OV_ERR_T _StartMonitor()
         return Error;
     }
     const MUTEX_SCOPE Work(s_WorkLock); /* the threads wait until both have their places */
+    nl_socket_free(std::exchange(s_ParentsSock, nullptr));
     _StartThread(&gs_MonitorThreadId, _RTCMonitorThread);
     _StartThread(&gs_CheckThreadId, _RTCMonitorCheckThread);
     return Error;

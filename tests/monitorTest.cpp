@@ -548,11 +548,16 @@ TEST_F(MonitorTest, StartAndStopUnderLoad)
 TEST_F(MonitorTest, ForkedChildStopsAndStartsItsOwn)
 {
     Start();
+    ASSERT_TRUE(WaitUntil([] { return s_Interval == 3; })); /* the check socket is made */
     const pid_t Child = fork();
     if (Child == 0) {
         alarm(10);
-        const bool IsGood = OV_RTCGenlMonitorUninit() == 0 && OV_RTCGenlMonitorInit() == 0 &&
-                            OV_RTCGenlMonitorUninit() == 0;
+        bool IsGood = OV_RTCGenlMonitorUninit() == 0;
+        const size_t Descriptors = OpenDescriptors(); /* with the parent's check socket */
+        s_Interval = 0;
+        IsGood = IsGood && OV_RTCGenlMonitorInit() == 0 &&
+                 WaitUntil([] { return s_Interval == 3; }) && OV_RTCGenlMonitorUninit() == 0 &&
+                 OpenDescriptors() == Descriptors; /* its own in the place of that one */
         _exit(IsGood ? 0 : 1);
     }
     EXPECT_EQ(WaitForProcess(Child), 0);
