@@ -1,15 +1,17 @@
 #!/usr/bin/env bash
 # sandbox.sh CHECKOUT MACHINE COMMAND [ARGUMENT...]
 #
-# Runs COMMAND in private mount and network namespaces (and a user namespace when not root), on
-# copies of every place that the library writes: /etc, /tmp, /run, /var/log. The copies live in
-# memory and are gone when the command ends; the folder MACHINE, unless it is "-", is /run/machine
-# meanwhile and keeps what the command puts there. The checkout is visible at /run/checkout, also
-# when it lies below a place that is covered; COMMAND is a path below it, relative to it.
-# RTC_SANDBOX=1 tells the command where it is.
+# Runs COMMAND in private mount, network and process namespaces (and a user namespace when not
+# root), on copies of every place that the library writes: /etc, /tmp, /run, /var/log. The copies
+# live in memory and are gone when the command ends, as is every process that it leaves; the folder
+# MACHINE, unless it is "-", is /run/machine meanwhile and keeps what the command puts there. The
+# checkout is visible at /run/checkout, also when it lies below a place that is covered; COMMAND is
+# a path below it, relative to it. RTC_SANDBOX=1 tells the command where it is. /sys shows the
+# links of the private network.
 #
 # Commands that the library runs are found in /run/commands first (empty; the command may fill
-# it), then among the simulated ones beside this script.
+# it), then among the simulated ones beside this script. /bin/sh is bash, as on the appliance, and
+# /bin and /sbin may be written: what is put there is gone with the rest.
 set -euo pipefail
 
 checkout=$(realpath "$1")
@@ -17,7 +19,7 @@ machine=$2
 shift 2
 
 if [ -z "${RTC_SANDBOX_ENTERED:-}" ]; then
-    namespaces=(--mount --net --propagation private)
+    namespaces=(--mount --net --pid --fork --kill-child --mount-proc --propagation private)
     [ "$(id -u)" -eq 0 ] || namespaces+=(--user --map-root-user)
     if ! unshare "${namespaces[@]}" true 2>/dev/null; then
         echo "sandbox: no private namespaces here (as root, or with user namespaces allowed, and" \
@@ -46,6 +48,13 @@ for place in /etc /tmp /var/log; do
     mount --bind "$copy" "$place"
 done
 chmod 1777 /tmp
+mount -t sysfs sysfs /sys
+for place in /bin /sbin; do
+    copy=/run/copies$place
+    mkdir "$copy" "$copy.work"
+    mount -t overlay overlay -o "lowerdir=$place,upperdir=$copy,workdir=$copy.work" "$place"
+done
+ln -sf bash /bin/sh
 ip link set lo up 2>/dev/null || true
 
 cd /run/checkout
@@ -53,4 +62,4 @@ export RTC_SANDBOX=1
 export PATH=/run/commands:/run/checkout/simulator/commands:$PATH
 command=$1
 shift
-exec "./$command" "$@"
+"./$command" "$@" # not as the first process of its namespace, which signals do not end
