@@ -1,5 +1,6 @@
 #include "linuxRtcNotifyInternal.h"
 
+#include "linuxRtcTextInternal.h"
 #include "orvaneLibrtcLog.h"
 #include "orvaneSafeStr.h"
 
@@ -206,25 +207,6 @@ OV_ERR_T _OV_RTCReportHandle(RECORD Record, NOTIFY_DELIVER Deliver)
     }
     Deliver(Notify.get());
     return 0;
-}
-
-ADDRESS_TEXT _OV_RTCIp4Text(uint32_t Ip)
-{
-    const OV_IN_ADDR Address = {htonl(Ip)};
-    ADDRESS_TEXT Result;
-
-    OV_SafeStrFormatIp4Addr(Result.Text, sizeof(Result.Text), &Address);
-    return Result;
-}
-
-ADDRESS_TEXT _OV_RTCIp6Text(const uint8_t (&Ip)[16])
-{
-    OV_IN6_ADDR Address;
-    ADDRESS_TEXT Result;
-
-    memcpy(&Address, Ip, sizeof(Address));
-    OV_SafeStrFormatIp6Addr(Result.Text, sizeof(Result.Text), &Address);
-    return Result;
 }
 
 struct NETIO_TEXT {

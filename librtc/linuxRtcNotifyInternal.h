@@ -58,13 +58,6 @@ using NOTIFY_SCOPE = std::unique_ptr<OV_RTC_MONITOR_NOTIFY, NOTIFY_RELEASE>;
  * beyond the union. Null for want of memory. */
 NOTIFY_SCOPE _OV_RTCNotifyAlloc(OV_RTC_MONITOR_TYPE Type, RECORD Record, size_t Extra);
 
-/* An address for a log line. */
-struct ADDRESS_TEXT {
-    char Text[50];
-};
-ADDRESS_TEXT _OV_RTCIp4Text(uint32_t Ip); /* in host byte order */
-ADDRESS_TEXT _OV_RTCIp6Text(const uint8_t (&Ip)[16]);
-
 /* Hands an event to whoever is registered. */
 using NOTIFY_DELIVER = void (*)(OV_RTC_MONITOR_NOTIFY *Notify);
 

@@ -1,6 +1,7 @@
 #include "linuxRtcSockMonitor.h"
 
 #include "linuxRtcNotifyInternal.h"
+#include "linuxRtcTextInternal.h"
 #include "orvaneDispatchClient.h"
 #include "orvaneLibrtcLog.h"
 

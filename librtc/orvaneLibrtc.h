@@ -4,9 +4,15 @@
 #define ORVANE_LIBRTC_H
 
 #include "linuxRtc.h"
+#include "linuxRtc4Gmodule.h"
 #include "linuxRtcBypass.h"
 #include "linuxRtcGenlMonitor.h"
+#include "linuxRtcInterface.h"
+#include "linuxRtcInterfaceAddress.h"
+#include "linuxRtcInterfaceLink.h"
+#include "linuxRtcInterfaceSteering.h"
 #include "linuxRtcMonitor.h"
+#include "linuxRtcNetwork.h"
 #include "linuxRtcSockMonitor.h"
 #include "orvaneAssert.h"
 #include "orvaneDispatch.h"

@@ -1,6 +1,7 @@
 #include "orvaneRtcRoute.h"
 
 #include "linuxRtcNotifyInternal.h"
+#include "linuxRtcTextInternal.h"
 #include "orvaneRtcLibnlInternal.h"
 #include "orvaneSafeStr.h"
 
@@ -67,13 +68,12 @@ static OV_ERR_T _OV_RTCRouteNexthopAdd(struct nl_sock *Sock, struct rtnl_route *
         return -ENOMEM;
     }
     if (IfName[0] != '\0') {
-        char Name[sizeof(IfName) + 1] = ""; /* all 16 may be used: too long for an interface */
-        memcpy(Name, IfName, sizeof(IfName));
+        const FIELD_TEXT Name(IfName); /* all 16 may be used: too long for an interface */
         errno = 0;
-        const unsigned IfIndex = _IfIndexOf(Sock, Name);
+        const unsigned IfIndex = _IfIndexOf(Sock, Name.Text);
         if (IfIndex == 0) {
             const int IfErrno = errno;
-            OV_LOG_ERROR("if_nametoindex failed(IfName = %s ifIndex = %u errno = %d)", Name,
+            OV_LOG_ERROR("if_nametoindex failed(IfName = %s ifIndex = %u errno = %d)", Name.Text,
                          IfIndex, IfErrno);
             return IfErrno > 0 ? -IfErrno : -EIO;
         }

@@ -101,7 +101,8 @@ TEST_F(Bypass, Detection)
         {"echo '/dev/mem: Permission denied' >&2; exit 1", 6, "WARN",
          "unkown hardware platform: /dev/mem: Permission denied\n "},
         {"printf B1904; printf %041d 7; echo", 2, "INFO", "hardware platform: Huier-J1900"},
-        {nullptr, 6, "WARN", "unkown hardware platform: sh: line 1: dmidecode: command not found\n "},
+        {nullptr, 6, "WARN",
+         "unkown hardware platform: sh: line 1: dmidecode: command not found\n "},
     };
     for (const ROW &Row : Rows) {
         SCOPED_TRACE(Row.Script == nullptr ? "none" : Row.Script);
