@@ -12,7 +12,6 @@
 #include <mutex>
 #include <regex>
 #include <spawn.h>
-#include <sstream>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -247,12 +246,12 @@ std::string Logged()
         Line.resize(Line.find_last_not_of('\n') + 1);
         Line = std::regex_replace(Line, std::regex("\n"), "\\n");
         if (!Command.empty() && Line == Failed + Command + " , rc=-1") {
-            Result.insert(Result.size() - 1, ", failed");
+            Result += ", failed";
         } else if (Line.starts_with("[INFO][OV_RTCSystem]")) {
             Command = Line.substr(Failed.size() - 1);
-            Result += "| " + Command + "\n";
+            Result += " | " + Command;
         } else {
-            Result += Line + "\n";
+            Result += (Line.starts_with("|<") ? " " : "\n") + Line;
         }
     }
     return Result;
@@ -291,8 +290,8 @@ std::string Retell(const std::string &Story, const std::function<std::string(std
             setrlimit(RLIMIT_NOFILE, &All);
             const std::string Now = Held();
             Told += Words + " = " + Result;
-            Told += Now.empty() && !Before.empty() ? ", nothing held\n" : "\n";
-            Told += Logged() + New(std::exchange(Before, Now), Now);
+            Told += Now.empty() && !Before.empty() ? ", nothing held" : "";
+            Told += Logged() + "\n" + New(std::exchange(Before, Now), Now);
         }
     }
     gs_RecordPipes = false;
@@ -304,10 +303,10 @@ std::string Links()
     return Shell(R"sh(ip -j addr | sed -E '
 s/\},?\{"ifindex/\n"ifindex/g; s/"flags":\[[^]]*"UP"[^]]*\]/up/g; s/"flags":\[[^]]*\]/down/g
 s/"(ifindex|link_index|link|qdisc|operstate|group|link_type|label|scope)":("[^"]*"|[0-9]+),?//g
-s/"(tentative|noprefixroute|secondary|[a-z]*_life_time)":(true|[0-9]+),?//g; s/"ifname"://
-s/"address":"02:00:00:00:00:/"mac:/; s/"address":"[^"]*",//; s/"broadcast":"ff:[^"]*",//
-s/"family":"inet6?","local":"([^"]*)","prefixlen":([0-9]+)/\1\/\2/g; s/"addr_info"://
-s/["{}]//g; s/,*\]+$/]/' | sed 1d)sh");
+s/"(tentative|noprefixroute|secondary|[a-z]*_life_time)":(true|[0-9]+),?//g
+s/"address":"02:00:00:00:00:/"mac:/g; s/"address":"[^"]*",//g; s/"broadcast":"ff:[^"]*",//g
+s/"family":"inet6?","local":"([^"]*)","prefixlen":([0-9]+),?/\1\/\2,/g; s/,?\}/}/g
+s/"(ifname|addr_info)"://g; s/["{}]//g; s/\]+$/]/' | sed 1d)sh");
 }
 
 void InstallStoryCommands()
@@ -318,7 +317,8 @@ mkdir -p "${file%/*}" && printf '#!/bin/sh\n%s\n' "$2" >"$file" && chmod 755 "$f
     InstallCommand("ran", "for i in {1..500}; do [ -s /run/ran ] && break; sleep .01; done\n"
                           "cat /run/ran && rm /run/ran");
     InstallCommand("running", R"(for i in {1..500}; do
-[ $(ps -e -o args | grep -v "running $1" | grep -cF -e "$2") = $1 ] && exit; sleep .01; done; exit 1)");
+all=$(ps -e -o args) && [ $(grep -v "running $1" <<<"$all" | grep -cF -e "$2") = $1 ] && exit
+sleep .01; done; exit 1)");
 }
 
 STORY_WORD::STORY_WORD(const std::string &Word) : Number(strtoll(Word.c_str(), nullptr, 0))
@@ -333,17 +333,22 @@ STORY_WORD::STORY_WORD(const std::string &Word) : Number(strtoll(Word.c_str(), n
     }
 }
 
-std::string CallByName(const std::map<std::string, STORY_CALL> &Calls, const std::string &Line)
+std::string CallByName(const STORY_CALL_MAP &Calls, const std::string &Line)
 {
-    std::istringstream Stream(Line);
+    std::istringstream Stream(Line + " ;");
+    std::string Results;
     STRINGS Words;
 
     for (std::string Word; Stream >> std::quoted(Word);) {
-        Words.push_back(Word);
+        if (Word != ";") {
+            Words.push_back(Word);
+            continue;
+        }
+        const STORY_CALL &Call = Calls.at(Words.front());
+        Words.erase(Words.begin());
+        Results += (Results.empty() ? "" : ", ") + Call(std::exchange(Words, {}));
     }
-    const std::string Name = Words.front();
-    Words.erase(Words.begin());
-    return Calls.at(Name)(Words);
+    return Results;
 }
 
 ::testing::AssertionResult IsLogLine(const std::string &Line, const char *Level,

@@ -9,6 +9,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
+#include <sstream>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -53,14 +54,14 @@ STRINGS TakeLog();
  * number ahead of each. The others are dropped. */
 std::string TakeMessages(const std::string &Levels);
 
-/* The recorded lines without the numbers of levels and source lines, each on one line. A command
- * that was run is "| command", and ", failed" when that was logged. */
+/* The recorded lines without the numbers of levels and source lines, a newline ahead of each. A
+ * command that was run is "| command" behind the line before, and ", failed" when that was logged;
+ * one whose output was read, in a story, "|< command". */
 std::string Logged();
 
-/* Tells a story by doing what its lines say. "> call = result" is followed by its log, with the
- * commands whose output the library reads ("|< command"), and by the lines of Held that are new
- * after it; ", nothing held" stands behind the result when the last ones went. "! call" is made
- * with no descriptor to be had. "$ command" is followed by what it prints. */
+/* Tells a story by doing what its lines say. "> call = result" is followed by what was logged, and
+ * by the lines of Held that are new; ", nothing held" stands behind the result when the last went.
+ * "! call" is made with no descriptor to be had. "$ command" is followed by what it prints. */
 std::string Retell(const std::string &Story, const std::function<std::string(std::string)> &Call,
                    const std::function<std::string()> &Held);
 
@@ -111,13 +112,29 @@ STORY_CALL StoryCall(RESULT (*Function)(PARAMETERS...))
         (std::index_sequence_for<PARAMETERS...>());
     };
 }
-#define STORY_CALL_OF(Function)        \
-    {                                  \
-#        Function, StoryCall(Function) \
-    }
+inline STORY_CALL StoryCall(std::string (*Function)(STRINGS))
+{
+    return Function;
+}
 
-/* "name word...": a word with blanks, or an empty one, stands in double quotes. */
-std::string CallByName(const std::map<std::string, STORY_CALL> &Calls, const std::string &Line);
+/* The calls by name: STORY_CALLS(Function...). */
+using STORY_CALL_MAP = std::map<std::string, STORY_CALL>;
+template <typename... FUNCTIONS>
+STORY_CALL_MAP StoryCalls(std::istringstream Names, FUNCTIONS... Functions)
+{
+    STORY_CALL_MAP Calls;
+    std::string Name;
+
+    ((Names >> Name, Name.resize(Name.find_last_not_of(',') + 1),
+      Calls[Name] = StoryCall(Functions)),
+     ...);
+    return Calls;
+}
+#define STORY_CALLS(...) StoryCalls(std::istringstream(#__VA_ARGS__), __VA_ARGS__)
+
+/* "name word... ; name word...": a word with blanks, or an empty one, stands in double quotes. The
+ * results stand in a row. */
+std::string CallByName(const STORY_CALL_MAP &Calls, const std::string &Line);
 
 /* What went to the system log since the last call, "PRIORITY-NUMBER " ahead of each text. The
  * suites' own syslog takes it: nothing reaches the machine's. */
