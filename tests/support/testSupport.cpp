@@ -281,10 +281,10 @@ std::string Retell(const std::string &Story, const std::function<std::string(std
     gs_RecordPipes = true;
     for (const std::string &Line : Lines(Story)) {
         const std::string Words = Line.substr(0, Line.find(" = "));
-        if (Line[0] == '$') {
+        if (Line.starts_with("$ ")) {
             Told += Line + "\n" + Shell(Line.substr(2));
             Told += Told.ends_with("\n") ? "" : "\n";
-        } else if (Line[0] == '>' || Line[0] == '!') {
+        } else if (Line.starts_with("> ") || Line.starts_with("! ")) {
             setrlimit(RLIMIT_NOFILE, Line[0] == '!' ? &None : &All);
             const std::string Result = Call(Words.substr(2));
             setrlimit(RLIMIT_NOFILE, &All);
@@ -333,7 +333,7 @@ STORY_WORD::STORY_WORD(const std::string &Word) : Number(strtoll(Word.c_str(), n
     }
 }
 
-std::string CallByName(const STORY_CALL_MAP &Calls, const std::string &Line)
+static std::string CallByName(const STORY_CALL_MAP &Calls, const std::string &Line)
 {
     std::istringstream Stream(Line + " ;");
     std::string Results;
@@ -349,6 +349,45 @@ std::string CallByName(const STORY_CALL_MAP &Calls, const std::string &Line)
         Results += (Results.empty() ? "" : ", ") + Call(std::exchange(Words, {}));
     }
     return Results;
+}
+
+std::string RetellCalls(const std::string &Story, const STORY_CALL_MAP &Calls)
+{
+    const std::string Told = Retell(
+        Story, [&](const std::string &Line) { return CallByName(Calls, Line); }, Links);
+    const std::string OnOneLine = std::regex_replace(Told, std::regex(R"(\n\[(?=[A-Z]+\]))"), " [");
+
+    return std::regex_replace(OnOneLine, std::regex("(Script) \\d+:"), "$1 LINE:");
+}
+
+/* The longest of the commands that the log tells of. */
+static size_t LongestCommand()
+{
+    size_t Longest = 0;
+
+    for (const std::string &Line : TakeLog()) {
+        if (Line.starts_with("1 [INFO][OV_RTCSystem-")) {
+            Longest = std::max(Longest, Line.size() - Line.find(']', 10) - 2); /* and the newline */
+        }
+    }
+    return Longest;
+}
+
+void ExpectLimit(const STORY_CALL_MAP &Calls, const std::string &Line, size_t Limit,
+                 const std::string &Refusal)
+{
+    const auto CallWith = [&](size_t Length) {
+        const std::string Name(Length, 'a');
+        return CallByName(Calls, std::regex_replace(Line, std::regex("NAME"), Name));
+    };
+    SCOPED_TRACE(Line);
+    TakeLog();
+    CallWith(16); /* no interface has a name of that length */
+    const size_t Length = 16 + Limit - LongestCommand();
+    CallWith(Length);
+    EXPECT_EQ(LongestCommand(), Limit);
+    EXPECT_EQ(CallWith(Length + 1), Refusal);
+    EXPECT_EQ(LongestCommand(), 0U);
 }
 
 ::testing::AssertionResult IsLogLine(const std::string &Line, const char *Level,

@@ -132,9 +132,15 @@ STORY_CALL_MAP StoryCalls(std::istringstream Names, FUNCTIONS... Functions)
 }
 #define STORY_CALLS(...) StoryCalls(std::istringstream(#__VA_ARGS__), __VA_ARGS__)
 
-/* "name word... ; name word...": a word with blanks, or an empty one, stands in double quotes. The
- * results stand in a row. */
-std::string CallByName(const STORY_CALL_MAP &Calls, const std::string &Line);
+/* A story of these calls, "name word... ; name word...": a word with blanks, or an empty one,
+ * stands in double quotes. The results stand in a row, and what was logged on the same line. Links
+ * are what is held. */
+std::string RetellCalls(const std::string &Story, const STORY_CALL_MAP &Calls);
+
+/* The call takes a command of that many characters, and refuses the next with that result without
+ * running anything. "NAME" in it becomes as long as it takes. */
+void ExpectLimit(const STORY_CALL_MAP &Calls, const std::string &Line, size_t Limit,
+                 const std::string &Refusal = "-1");
 
 /* What went to the system log since the last call, "PRIORITY-NUMBER " ahead of each text. The
  * suites' own syslog takes it: nothing reaches the machine's. */
