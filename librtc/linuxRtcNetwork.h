@@ -4,8 +4,9 @@
  * names and texts go through the shell as they stand, so check them first. A command line of 511
  * characters or more is not run.
  *
- * Unless said otherwise the result is 0 when the command succeeded, else -1, also for a null text
- * and a command line that is too long. No state: any thread may call.
+ * Unless said otherwise the result is 0 when the command succeeded, else -1, also for a text
+ * that is null or empty (but for the servers) and a command line that is too long. No state: any
+ * thread may call.
  */
 #ifndef LINUX_RTC_NETWORK_H
 #define LINUX_RTC_NETWORK_H
@@ -67,7 +68,7 @@ int rtc_net_bond_del_allport(const char *ifname);
 int rtc_net_br_set(void);
 int rtc_net_br_set_port(void);
 
-/* Bridges. Return 0, -1 (the command failed, or a null name), or the negated
+/* Bridges. Return 0, -1 (the command failed, or a name that is null or empty), or the negated
  * OV_RTC_ERROR_BUFF_OVERFLOW for a command that does not fit: then nothing is run. */
 
 /* Adds a bridge and brings it up; on the boards Huier-H61 and LiHua with a longer transmit queue.

@@ -2,8 +2,9 @@
  * What the floors above give to the shell: command lines composed from a format, processes found
  * by the text of their command line, and files that other programs read or run.
  *
- * A command line that does not fit, or of which a text is null, is not run: half a command may be
- * another one. Texts stand in it as they are.
+ * A command line that does not fit, or of which a text is missing, is not run: half a command may
+ * be another one, and to look for the clients of no interface finds those of all. Texts stand in it
+ * as they are.
  */
 #ifndef LINUX_RTC_SHELL_INTERNAL_H
 #define LINUX_RTC_SHELL_INTERNAL_H
@@ -32,10 +33,10 @@ bool _OV_RTCComposeList(char *Out, size_t Room, const char *Format, va_list Argu
  * result is that of OV_RTCSystem, or Refused when it does not fit. */
 int _OV_RTCRun(size_t Room, int Refused, const char *Format, ...) OV_PRINTF_LIKE(3, 4);
 
-/* Whether no argument is a null text. */
+/* Whether no argument is a missing text, null or empty. */
 constexpr bool _OV_RTCIsOneGiven(const char *Argument)
 {
-    return Argument != nullptr;
+    return Argument != nullptr && Argument[0] != '\0';
 }
 template <std::integral NUMBER>
 constexpr bool _OV_RTCIsOneGiven(NUMBER)
@@ -48,7 +49,7 @@ constexpr bool _OV_RTCIsGiven(ARGUMENTS... Arguments)
     return (_OV_RTCIsOneGiven(Arguments) && ...);
 }
 
-/* What the operations call: with a null text nothing is run either, and the result is -1. */
+/* What the operations call: with a missing text nothing is run either, and the result is -1. */
 #define RTC_RUN_WITHIN(Room, Refused, Format, ...) \
     (_OV_RTCIsGiven(__VA_ARGS__) ? _OV_RTCRun(Room, Refused, Format, ##__VA_ARGS__) : -1)
 #define RTC_RUN(Format, ...) RTC_RUN_WITHIN(RTC_COMMAND_SIZE, -1, Format, ##__VA_ARGS__)
