@@ -169,8 +169,9 @@ static int _create_script4ipup(const char *IfName)
     if (!_OV_RTCCompose(Path, sizeof(Path), HOOK_PATH, IfName)) {
         return -1;
     }
-    FILE *File = _OV_RTCOpenText(Path);
+    FILE *File = fopen(Path, "we");
     if (File == nullptr) {
+        OV_LOG_DEBUG("Can't open %s", Path);
         return -1;
     }
     fprintf(File, IP_UP_HOOK, IfName);

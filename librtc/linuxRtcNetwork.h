@@ -23,11 +23,11 @@ int32_t OV_RTCNetDelIpRule(const int Prio, OV_IN_ADDR_TYPE IpType);
 
 /* Puts the main table (254) at priority 50 and the default table (253) at 240, for both families,
  * in place of a rule that stands there: the rules of other tables go between them. Failures are in
- * the log. */
+ * the log, those of a first start too, which finds no rules to replace. */
 void OV_RTCNetIpRuleOrderInit(void);
 
 /* Writes /etc/resolv.conf anew: a line for each of the servers in resolv, which are separated by
- * blanks. resolv is split in place and must be writable. */
+ * blanks; a blank line ends the file. resolv is split in place and must be writable. */
 int rtc_net_set_dns(char *resolv);
 
 /* Static entries of the neighbour table, IPv4. */
@@ -78,13 +78,14 @@ int32_t OV_RTCBridgeAdd(const char *BrIfName);
 /* Takes the ports off, brings the bridge down and deletes it. */
 int32_t OV_RTCBridgeDel(const char *BrIfName);
 
-/* Takes the port's IPv4 addresses off and puts it in the bridge. */
+/* Takes the port's first IPv4 address and those of its network off (others stay), which brings it
+ * up, and puts it in the bridge. */
 int32_t OV_RTCBridgePortAdd(const char *BrIfName, const char *PortIfName);
 
 int32_t OV_RTCBridgePortDel(const char *BrIfName, const char *PortIfName);
 
-/* Takes all ports off, as far as they can be listed in 511 characters. The result is that of the
- * listing: 0, or the negated OV_RTC_ERROR_BUFF_PARSE. */
+/* Takes all ports off, or none when their names, each with a blank, need 512 characters or more.
+ * The result is that of the listing: 0 in both cases, or the negated OV_RTC_ERROR_BUFF_PARSE. */
 int32_t OV_RTCBridgePortFlush(const char *BrIfName);
 
 OV_PUBLIC_END
