@@ -13,8 +13,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-/* In front of the real one: a wrong number must not reach it. No kernel numbers past four million.
- */
+/* In front of the real one, which a wrong number must not reach. None is past four million. */
 extern "C" int kill(pid_t Process, int Signal) noexcept
 {
     const bool IsReal = Process > 1 && Process < 1 << 22;
@@ -50,11 +49,15 @@ static std::string Config(STRINGS Words)
         const size_t Slash = Words[At].find('/');
         STORY_WORD Mask(Words[At].substr(Slash + 1));
         const std::string Text = Words[At].substr(0, Slash);
-        if (inet_pton(AF_INET6, Text.c_str(), &Ip6.Ip[Ip6.IpCnt]) == 1) {
-            Ip6.Mask[Ip6.IpCnt++] = Mask;
-        } else if (++Ip4.IpCnt <= OV_CONF_IP_MAX) {
-            Ip4.Ip[Ip4.IpCnt - 1] = STORY_WORD(Text);
-            Ip4.Mask[Ip4.IpCnt - 1] = Mask;
+        OV_IN6_ADDR Address;
+        const bool IsIp6 = inet_pton(AF_INET6, Text.c_str(), &Address) == 1;
+        const uint8_t Index = IsIp6 ? Ip6.IpCnt++ : Ip4.IpCnt++;
+        if (IsIp6 && Index < OV_CONF_IP_MAX) {
+            Ip6.Ip[Index] = Address;
+            Ip6.Mask[Index] = Mask;
+        } else if (Index < OV_CONF_IP_MAX) {
+            Ip4.Ip[Index] = STORY_WORD(Text);
+            Ip4.Mask[Index] = Mask;
         }
         Words.emplace_back();
     }
@@ -102,7 +105,7 @@ eth1,down,mtu:1500,txqlen:1000,mac:01,[]
 eth1,up,mtu:1500,txqlen:1000,mac:01,[]
 > Config 11 eth1 0 02:00:00:00:00:11 = 0 | ifconfig eth1 hw ether 02:00:00:00:00:11
 eth1,up,mtu:1500,txqlen:1000,mac:11,[]
-> Config 11 eth1 ; rtc_if_set_mac eth1 ; rtc_if_set_mac eth1 x ; rtc_if_set_mac NULL x = 0, 0, -1, -1 [DEBUG][rtc_if_set_mac]strlen(mac)=0  [DEBUG][rtc_if_set_mac]strlen(mac)=0  | ifconfig eth1 hw ether x, failed
+> Config 11 eth1 ; rtc_if_set_mac eth1 ; rtc_if_set_mac eth1 x ; rtc_if_set_mac NULL x = 0, -1, -1, -1 [DEBUG][rtc_if_set_mac]strlen(mac)=0  | ifconfig eth1 hw ether x, failed
 > Config 6 eth1 0 1500 ; Config 6 eth1 0 1400 = 0, 0 [INFO][_OV_RTCSetIntfMtu]no need to set eth1 mtu 1500 | ifconfig eth1 mtu 1400
 eth1,up,mtu:1400,txqlen:1000,mac:11,[]
 > Config 6 eth1 0 4294967295 ; rtc_if_set_mtu 0123456789abcdef 1400 ; rtc_if_set_mtu 0123456789abcde 1400 = -22, -22, -1 [ERROR][_OV_RTCSetIntfMtu]Config Mtu error, param invalid (ifname:eth1 mtu -1) [ERROR][_OV_RTCSetIntfMtu]Config Mtu error, param invalid (ifname:0123456789abcdef mtu 1400) [ERROR][_OV_RTCIfGetCurConfigFromSysFile]open file /sys/class/net//0123456789abcde/mtu error(2: No such file or directory) | ifconfig 0123456789abcde mtu 1400, failed
@@ -143,7 +146,8 @@ eth1,up,mtu:1400,txqlen:4000,mac:11,[fd05::2/64,fd05::1/64]
 > Config 3 eth1 1 1.1.1.1/30 1.2.0.0/33 1.3.0.0/8 fd05::3/64 = -1 | ip addr replace 1.1.1.1/30 dev eth1 broadcast 1.1.1.3 | ip addr replace 1.2.0.0/33 dev eth1 broadcast 255.255.255.255, failed [ERROR][_OV_RTCIntfSetIPMul]Set interface eth1 1.2.0.0/33 failed(1:Operation not permitted) [ERROR][_SetStatic]Set ipv4 addr failed(1:Operation not permitted)
 eth1,up,mtu:1400,txqlen:4000,mac:11,[1.1.1.1/30,broadcast:1.1.1.3,fd05::2/64,fd05::1/64]
 > Config 3 eth1 1 1.1.1.1/30 fd05::3/200 fd05::4/64 = -1 | ip addr replace 1.1.1.1/30 dev eth1 broadcast 1.1.1.3 | ip -6 addr replace fd05::3/200 dev eth1, failed [ERROR][_OV_RTCIntfSetIpv6Addr]Set interface eth1 ipv6 addr fd05::3/200 failed [ERROR][_SetStatic]Set ipv6 addr failed(1:Operation not permitted)
-> Config 3 eth1 1 1.1.1.1/1 1.1.1.2/1 1.1.1.3/1 1.1.1.4/1 1.1.1.5/1 1.1.1.6/1 1.1.1.7/1 1.1.1.8/1 1.1.1.9/1 = -22 [ERROR][_IsCount]invalid addresses(IpCnt = 9) [ERROR][_SetStatic]Set ipv4 addr failed(22:Invalid argument)
+> Config 3 eth1 1 1.1.1.1/1 1.1.1.2/1 1.1.1.3/1 1.1.1.4/1 1.1.1.5/1 1.1.1.6/1 1.1.1.7/1 1.1.1.8/1 1.1.1.9/1 = -22 [ERROR][_SetStatic]too many addresses(IpCnt = 9 and 0)
+> Config 3 eth1 1 1.1.1.1/1 fd::1/1 fd::2/1 fd::3/1 fd::4/1 fd::5/1 fd::6/1 fd::7/1 fd::8/1 fd::9/1 = -22 [ERROR][_SetStatic]too many addresses(IpCnt = 1 and 9)
 > OV_RTCIntfDelIP eth1 1.1.1.1 30 ; OV_RTCIntfDelIP eth1 1.1.1.1 30 ; OV_RTCIntfDelIP eth1 0.0.0.0 30 = 0, -1, -1 | ip addr del 1.1.1.1/30 dev eth1 | ip addr del 1.1.1.1/30 dev eth1, failed
 eth1,up,mtu:1400,txqlen:4000,mac:11,[fd05::2/64,fd05::1/64]
 > Config 3 none 0 ; rtc_if_set_ip eth1 1.1.1.1 0 ; rtc_if_set_method eth1 = -1, 0, 0 | ip addr flush dev none, failed [ERROR][_FlushStatic]Flush ipv4 addr for none failed | ip addr replace 1.1.1.1/0 dev eth1 broadcast 255.255.255.255
@@ -152,15 +156,10 @@ $ fake ip '[ $1 != -6 ] && exec /sbin/ip "$@"'
 > Config 3 eth1 0 = -1 | ip addr flush dev eth1 | ip -6 addr flush dev eth1, failed [ERROR][_FlushStatic]Flush ipv6 addr for eth1 failed
 eth1,up,mtu:1400,txqlen:4000,mac:11,[]
 $ rm /run/commands/ip
-> Config 5 eth1 1 = 0 | echo 1 > /proc/sys/net/ipv4/conf/eth1/proxy_arp
-$ cat /proc/sys/net/ipv4/conf/eth1/proxy_arp
-1
-> Config 5 eth1 0 = 0 | echo 0 > /proc/sys/net/ipv4/conf/eth1/proxy_arp
-$ cat /proc/sys/net/ipv4/conf/eth1/proxy_arp
-0
+> Config 5 eth1 1 ; Config 5 eth1 0 ; Config 5 none 1 = 0, 0, -1 | echo 1 > /proc/sys/net/ipv4/conf/eth1/proxy_arp | echo 0 > /proc/sys/net/ipv4/conf/eth1/proxy_arp | echo 1 > /proc/sys/net/ipv4/conf/none/proxy_arp, failed
 > Config 4 eth1 1 4 apn.net ; Config 4 eth1 = 0, 0 | ps aux | grep "ECM_DEMO" | grep -v grep, failed | ECM_DEMO -t down | ECM_DEMO -t up -a apn.net | ps aux | grep "ECM_DEMO" | grep -v grep, failed | ECM_DEMO -t down 
 > Config 2 eth1 1 user word = -1 | echo "plugin rp-pppoe.so\npersist\nholdoff 5\nusepeerdns\nmaxfail 0\nunit 1\npassword word\nuser user\neth1\neth1\nnoauth" > /etc/ppp/peers/eth1, failed [ERROR][_StartPppoe]pppoe options set failed(1:Operation not permitted)
-> rtc_if_pppoe_start eth1 = 0 | ps aux | grep "pppd call eth1" | grep -v grep, failed [DEBUG][_OV_RTCOpenText]Can't open /etc/ppp//ip-up.local.eth1 | pppd call eth1 &
+> rtc_if_pppoe_start eth1 = 0 | ps aux | grep "pppd call eth1" | grep -v grep, failed [DEBUG][_create_script4ipup]Can't open /etc/ppp//ip-up.local.eth1 | pppd call eth1 &
 $ mkdir -p /etc/ppp/peers && ran && running 1 'pppd call eth1'
 pppd call eth1
 > Config 2 eth1 1 user word = 0 | echo "plugin rp-pppoe.so\npersist\nholdoff 5\nusepeerdns\nmaxfail 0\nunit 1\npassword word\nuser user\neth1\neth1\nnoauth" > /etc/ppp/peers/eth1 | ps aux | grep "pppd call eth1" | grep -v grep | pkill -9 -f "pppd call eth1" | pppd call eth1 &
@@ -195,6 +194,7 @@ $ running 0 '/sbin/dhclient eth1'; fake ps 'for p in 99999999 1 0 -1 12x 9999999
 > rtc_if_dhcpclient_disable eth1 = -1 |< ps aux |grep "/sbin/dhclient eth1" |                 grep -v grep |awk '{printf "%s ", $2}' 2>&1 [INFO][kill]99999999 9 [INFO][kill]99999998 9
 $ rm /run/commands/ps
 > rtc_if_dhcpclient_enable ; rtc_if_dhcpclient_disable ; rtc_is_inf_pppoe ; rtc_if_pppoe_set "" ; rtc_if_pppoe_set NULL eth1 ; rtc_if_pppoe_start ; OV_StopPPPDProcess = -1, -1, -1, -1, -1, -1, -1
+> rtc_if_flush_ip "" ; OV_RTCIntfFlushIpv6Addr "" ; rtc_if_up "" ; OV_StopPPPDProcess "" ; rtc_if_dhcpclient_disable "" = -1, -1, -1, -1, -1
 > OV_RTCIntfDelIP NULL 1.1.1.1 30 ; rtc_if_set_ip NULL 1.1.1.1 30 ; rtc_if_flush_ip ; OV_RTCIntfFlushIpv6Addr ; OV_RTCSetRxCheckSum ; OV_IntfSetDuplexAndSpeed = -1, -1, -1, -1, -1, -1 [ERROR][_OV_RTCIfGetCurConfigFromSysFile]get sys file path error(type: 2)
 > OV_RTCIfFdirRssEnableRssAllInterfaces ; OV_RTCIfFdirRssEnableFdirOneInterface eth1 ; OV_RTCIfSepSaEnableOneInterface eth1 10.0.0.1 4500 ; OV_RTCIfSepSaDisableAllInterface ; OV_RTCIfSoftRssDisableAllInterface = -2, -2, -2, -2, -2 [ERROR][_OV_RTCIfFdirRssCheckScript]IfFdirRss: stat(/bin/corsin/if_fdir_rss/configure_eth_rxq_irq_rss.sh) fails [ERROR][_RunInFolder]IfFdirRss: _OV_RTCIfFdirRssCheckScript(configure_eth_rxq_irq_rss.sh) fails [ERROR][_OV_RTCIfFdirRssCheckScript]IfFdirRss: stat(/bin/corsin/if_fdir_rss/configure_eth_fdir.sh) fails [ERROR][_RunInFolder]IfFdirRss: _OV_RTCIfFdirRssCheckScript(configure_eth_fdir.sh) fails [WARN][_CheckScriptExist]SEPSA: stat(/bin/corsin/if_fdir_rss/configure_if_sepsa.sh) fails [WARN][_RunByPath]SEPSA: _OV_RTCIfSepSaCheckScriptExist() fails, script may not exist [WARN][_CheckScriptExist]SEPSA: stat(/bin/corsin/if_fdir_rss/configure_if_sepsa.sh) fails [WARN][_RunByPath]SEPSA: _OV_RTCIfSepSaCheckScriptExist() fails, script may not exist [WARN][_CheckScriptExist]SoftRss: stat(/bin/corsin/if_fdir_rss/configure_if_softrss.sh) fails [WARN][_RunByPath]SoftRss: _OV_RTCIfSoftRssCheckScriptExist() fails, script may not exist
 > OV_RTCIfFdirRssEnableRssOneInterface none ; OV_RTCIfFdirRssEnableRssOneInterface ; OV_RTCIfFdirRssEnableFdirOneInterface none ; OV_RTCIfSepSaEnableOneInterface none 10.0.0.1 4500 = -19, -19, -19, -19 [ERROR][_OV_RTCIfFdirRssEnableRssOneOrAllInterfaces]IfFdirRss: no such interface [ERROR][_OV_RTCIfFdirRssEnableRssOneOrAllInterfaces]IfFdirRss: no such interface [ERROR][_OV_RTCIfFdirRssEnableOrDisableFdirOneInterface]IfFdirRss: no such interface [WARN][OV_RTCIfSepSaEnableOneInterface]SEPSA: no such interface
