@@ -75,8 +75,8 @@ $ ip neigh
 $ cat /proc/sys/net/ipv4/conf/eth[12]/proxy_arp | paste -s
 0	1
 > rtc_net_bond_load_module ; rtc_net_bond_if_exist b = 0, 0 | modprobe bonding max_bonds=0
-$ mount -t tmpfs odd /sys/class/net && cd /sys/class/net && mkdir -p b/bonding && echo b1 b >bonding_masters; echo 1234567 >b/bonding/slaves
-> rtc_net_bond_load_module ; rtc_net_bond_if_exist b ; rtc_net_bond_if_exist b1 ; rtc_net_bond_if_exist b2 ; rtc_net_bond_port_if_exist b 123 ; rtc_net_bond_port_if_exist b 1234567 ; rtc_net_bond_port_if_exist none x = 0, 1, 1, 0, 0, 1, 0
+$ mount -t tmpfs odd /sys/class/net && cd /sys/class/net && mkdir -p b/bonding && echo b10 b >bonding_masters; echo 1234567 >b/bonding/slaves
+> rtc_net_bond_load_module ; rtc_net_bond_if_exist b ; rtc_net_bond_if_exist b10 ; rtc_net_bond_if_exist b1 ; rtc_net_bond_port_if_exist b 123 ; rtc_net_bond_port_if_exist b 1234567 ; rtc_net_bond_port_if_exist none x = 0, 1, 1, 0, 0, 1, 0
 > BondPorts b ; BondPorts none = 0 ., 0 . |< cat /sys/class/net/b/bonding/slaves 2>&1 [ERROR][OV_RTCExecCmd]csn_exec_cmd: over size |< cat /sys/class/net/none/bonding/slaves 2>&1 [ERROR][OV_RTCExecCmd]csn_exec_cmd: over size
 > rtc_net_bond_add b2 ; rtc_net_bond_add_port b eth1 ; rtc_net_bond_alg_set b 6 = 0, 0, 0 | echo +b2 > /sys/class/net/bonding_masters | echo +eth1 > /sys/class/net/b/bonding/slaves | echo 6 > /sys/class/net/b/bonding/mode
 $ cd /sys/class/net; cat bonding_masters b/bonding/slaves b/bonding/mode | paste -sd,
@@ -108,9 +108,12 @@ eth1,up,mtu:1500,txqlen:1000,mac:01,[]
 br0,up,mtu:1500,txqlen:1000,[]
 > OV_RTCBridgePortAdd br0 eth1 ; OV_RTCBridgePortAdd br0 eth2 ; OV_RTCBridgeDel br0 = 0, 0, 0 | ifconfig eth1 0.0.0.0 | brctl addif br0 eth1 | ifconfig eth2 0.0.0.0 | brctl addif br0 eth2 |< brctl show br0 2>/dev/null |awk '{if (NR == 2) {printf("%s ", $4)} else if (NR > 2) {printf("%s ", $1)}}' 2>&1 | brctl delif br0 eth1 | brctl delif br0 eth2 | ifconfig br0 down | brctl delbr br0
 > OV_RTCBridgePortFlush br0 ; OV_RTCBridgeDel br0 ; OV_RTCBridgePortAdd br0 eth1 ; OV_RTCBridgePortDel br0 eth1 = 0, -1, -1, -1 |< brctl show br0 2>/dev/null |awk '{if (NR == 2) {printf("%s ", $4)} else if (NR > 2) {printf("%s ", $1)}}' 2>&1 |< brctl show br0 2>/dev/null |awk '{if (NR == 2) {printf("%s ", $4)} else if (NR > 2) {printf("%s ", $1)}}' 2>&1 | ifconfig br0 down, failed | brctl delbr br0, failed | ifconfig eth1 0.0.0.0 | brctl addif br0 eth1, failed | brctl delif br0 eth1, failed
-$ fake dmidecode 'echo CARLOW'
-> OV_RTCBridgeAdd br1 ; OV_RTCBridgeAdd br1 = 0, -1 | brctl addbr br1 | ifconfig br1 up | cd /bin/corsin/if_fdir_rss && ./configure_eth_rxq_irq_rss.sh br1 |< dmidecode -s baseboard-product-name 2>&1 [INFO][OV_RTCBypassPlatFormGet]hardware platform: LiHua-8865 |< ifconfig br1 |grep "txqueuelen" 2>&1 | ifconfig br1 txqueuelen 4000 | brctl addbr br1, failed | ifconfig br1 up | cd /bin/corsin/if_fdir_rss && ./configure_eth_rxq_irq_rss.sh br1 |< dmidecode -s baseboard-product-name 2>&1 [INFO][OV_RTCBypassPlatFormGet]hardware platform: LiHua-8865 |< ifconfig br1 |grep "txqueuelen" 2>&1 [INFO][OV_RTCIfTxQueueLenSet]no need to set br1 txqueuelen 4000
+$ fake dmidecode 'echo >>/run/asked; sed -n "$(wc -l </run/asked)p" /run/boards'; printf '%s\n' CARLOW CARLOW IEC-810N4SC MB-8895 B1904 >/run/boards
+> OV_RTCBridgeAdd br1 ; OV_RTCBridgeAdd br1 ; OV_RTCBridgeAdd br2 ; OV_RTCBridgeAdd br3 ; OV_RTCBridgeAdd br4 = 0, -1, 0, 0, 0 | brctl addbr br1 | ifconfig br1 up | cd /bin/corsin/if_fdir_rss && ./configure_eth_rxq_irq_rss.sh br1 |< dmidecode -s baseboard-product-name 2>&1 [INFO][OV_RTCBypassPlatFormGet]hardware platform: LiHua-8865 |< ifconfig br1 |grep "txqueuelen" 2>&1 | ifconfig br1 txqueuelen 4000 | brctl addbr br1, failed | ifconfig br1 up | cd /bin/corsin/if_fdir_rss && ./configure_eth_rxq_irq_rss.sh br1 |< dmidecode -s baseboard-product-name 2>&1 [INFO][OV_RTCBypassPlatFormGet]hardware platform: LiHua-8865 |< ifconfig br1 |grep "txqueuelen" 2>&1 [INFO][OV_RTCIfTxQueueLenSet]no need to set br1 txqueuelen 4000 | brctl addbr br2 | ifconfig br2 up | cd /bin/corsin/if_fdir_rss && ./configure_eth_rxq_irq_rss.sh br2 |< dmidecode -s baseboard-product-name 2>&1 [INFO][OV_RTCBypassPlatFormGet]hardware platform: Huier-H61 |< ifconfig br2 |grep "txqueuelen" 2>&1 | ifconfig br2 txqueuelen 4000 | brctl addbr br3 | ifconfig br3 up | cd /bin/corsin/if_fdir_rss && ./configure_eth_rxq_irq_rss.sh br3 |< dmidecode -s baseboard-product-name 2>&1 [INFO][OV_RTCBypassPlatFormGet]hardware platform: LiHua-8895 |< ifconfig br3 |grep "txqueuelen" 2>&1 | ifconfig br3 txqueuelen 4000 | brctl addbr br4 | ifconfig br4 up | cd /bin/corsin/if_fdir_rss && ./configure_eth_rxq_irq_rss.sh br4 |< dmidecode -s baseboard-product-name 2>&1 [INFO][OV_RTCBypassPlatFormGet]hardware platform: Huier-J1900
 br1,up,mtu:1500,txqlen:4000,[]
+br2,up,mtu:1500,txqlen:4000,[]
+br3,up,mtu:1500,txqlen:4000,[]
+br4,up,mtu:1500,txqlen:1000,[]
 > OV_RTCBridgeAdd ; OV_RTCBridgeDel ; OV_RTCBridgePortAdd NULL eth1 ; OV_RTCBridgePortAdd br0 ; OV_RTCBridgePortDel NULL eth1 ; OV_RTCBridgePortDel br0 ; OV_RTCBridgePortFlush ; BridgePorts NULL 9 = -1, -1, -1, -1, -1, -1, -1, -1
 > Lte<OV_RTC4GmoduleCreateScript> 1 7 x 3 ; OV_RTC4GmoduleCreateOption ppp3 3 ; OV_RTC4GmoduleEnable 3 = -1, -1, 0 [DEBUG][OV_RTC4GmoduleCreateScript]Can't open /etc/ppp//chat_4g_unit_3 | echo "user pluma\npassword pluma\n/dev/ttyUSB0\n115200\npersist\nnoipdefault\nusepeerdns\nnodetach\ncrtscts\ndebug\nholdoff 5\nmaxfail 0\nunit 3\nnoauth" > /etc/ppp/peers/4g_3, failed | echo > /etc/corsin/4g_report_file, failed | pppd connect 'chat -v -r /etc/corsin/4g_report_file -f /etc/ppp/chat_4g_unit_3' file /etc/ppp/peers/4g_3 &
 $ mkdir -p /etc/ppp/peers /etc/corsin; mkdir /etc/ppp/ip-up.local.4g9; echo old >/etc/corsin/4g_report_file; ran | paste -sd,; running 1 pppd
@@ -129,7 +132,7 @@ $ cd /etc/ppp; stat -c %a ip-up.local.4g3; for n in 6 7 3 4 5; do grep -E 'CGDCO
           OK 'AT+CGDCONT=1,"IP","ctnet"'	         OK 'ATDT*99#'
           OK 'AT+CGDCONT=1,"IP","abcdefghijabcdefghijabcdefghija"'	         OK 'ATDT0123456789012345678901234567890'
           OK 'AT+CGDCONT=1,"IP","abcdefghijabcdefghijabcdefghija"'	         OK 'ATDT0123456789012345678901234567890'
-$ mkfifo /run/agent_debug.fifo; cat /run/agent_debug.fifo >/run/got & cd /etc/ppp; ./ip-up.local.4g3 ppp4 || DNS2=9.9.9.9 ./ip-up.local.4g3 ppp3 ttyUSB0 115200 10.0.0.2 10.0.0.1; wait; cat /run/got; sed 's/[0-9][-0-9]* [0-9:]*/NOW/' /var/log/cpeagent.log
+$ mkfifo /run/agent_debug.fifo; timeout 9 cat /run/agent_debug.fifo >/run/got & cd /etc/ppp; ./ip-up.local.4g3 ppp4 || DNS2=9.9.9.9 ./ip-up.local.4g3 ppp3 ttyUSB0 115200 10.0.0.2 10.0.0.1; wait; cat /run/got; sed 's/[0-9][-0-9]* [0-9:]*/NOW/' /var/log/cpeagent.log
 57
 RouteUpdate:ppp3,10.0.0.1,10.0.0.2/32,lte,0.0.0.0,9.9.9.9
 NOW 10.0.0.2/32 10.0.0.1 csn-pppoe-issue
