@@ -249,9 +249,9 @@ std::string Logged()
             Result += ", failed";
         } else if (Line.starts_with("[INFO][OV_RTCSystem]")) {
             Command = Line.substr(Failed.size() - 1);
-            Result += " | " + Command;
+            Result += "\n| " + Command;
         } else {
-            Result += (Line.starts_with("|<") ? " " : "\n") + Line;
+            Result += "\n" + Line;
         }
     }
     return Result;
@@ -355,9 +355,8 @@ std::string RetellCalls(const std::string &Story, const STORY_CALL_MAP &Calls)
 {
     const std::string Told = Retell(
         Story, [&](const std::string &Line) { return CallByName(Calls, Line); }, Links);
-    const std::string OnOneLine = std::regex_replace(Told, std::regex(R"(\n\[(?=[A-Z]+\]))"), " [");
 
-    return std::regex_replace(OnOneLine, std::regex("(Script) \\d+:"), "$1 LINE:");
+    return std::regex_replace(Told, std::regex("(Script) \\d+:"), "$1 LINE:");
 }
 
 /* The longest of the commands that the log tells of. */

@@ -55,8 +55,8 @@ STRINGS TakeLog();
 std::string TakeMessages(const std::string &Levels);
 
 /* The recorded lines without the numbers of levels and source lines, a newline ahead of each. A
- * command that was run is "| command" behind the line before, and ", failed" when that was logged;
- * one whose output was read, in a story, "|< command". */
+ * command that was run is "| command", and ", failed" behind it when that was logged; one whose
+ * output was read, in a story, "|< command". */
 std::string Logged();
 
 /* Tells a story by doing what its lines say. "> call = result" is followed by what was logged, and
@@ -133,8 +133,7 @@ STORY_CALL_MAP StoryCalls(std::istringstream Names, FUNCTIONS... Functions)
 #define STORY_CALLS(...) StoryCalls(std::istringstream(#__VA_ARGS__), __VA_ARGS__)
 
 /* A story of these calls, "name word... ; name word...": a word with blanks, or an empty one,
- * stands in double quotes. The results stand in a row, and what was logged on the same line. Links
- * are what is held. */
+ * stands in double quotes. The results stand in a row. Links are what is held. */
 std::string RetellCalls(const std::string &Story, const STORY_CALL_MAP &Calls);
 
 /* The call takes a command of that many characters, and refuses the next with that result without
