@@ -35,7 +35,8 @@ static std::string BondPorts(STRINGS Words)
 
 static std::string BridgePorts(STRINGS Words)
 {
-    MARKED_BUFFER Out{STORY_WORD(Words[1])};
+    const size_t Size = STORY_WORD(Words[1]);
+    MARKED_BUFFER Out(Size);
     const int Result = _OV_RTCBridgePortGetAll(STORY_WORD(Words[0]), Out.Text(), Out.Size);
 
     EXPECT_TRUE(Out.EdgesIntact());
