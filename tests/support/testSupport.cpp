@@ -289,7 +289,7 @@ std::string Retell(const std::string &Story, const std::function<std::string(std
             const std::string Result = Call(Words.substr(2));
             setrlimit(RLIMIT_NOFILE, &All);
             const std::string Now = Held();
-            Told += Words + " = " + Result;
+            Told.append(Words).append(" = ").append(Result);
             Told += Now.empty() && !Before.empty() ? ", nothing held" : "";
             Told += Logged() + "\n" + New(std::exchange(Before, Now), Now);
         }
