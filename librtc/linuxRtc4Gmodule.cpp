@@ -16,9 +16,10 @@ static constexpr size_t PATH_SIZE = 64;
 static constexpr size_t UNIT_TEXT_SIZE = 16;
 static constexpr uint32_t CARRIER_CONFIGURED = 4;
 
-/* The same files, as they are written and as pppd is told of them. */
+/* The chat script as it is written, and as pppd is told of it. */
 #define CHAT_SCRIPT_PATH "/etc/ppp//chat_4g_unit_%d"
 #define CHAT_SCRIPT "/etc/ppp/chat_4g_unit_"
+
 #define HOOK_PATH "/etc/ppp//ip-up.local.4g%d"
 #define OPTIONS "/etc/ppp/peers/4g_"
 #define REPORT_FILE "/etc/corsin/4g_report_file"
@@ -73,7 +74,8 @@ static constexpr char OPTIONS_COMMAND[] = "echo \"user pluma\n"
 using APN = char[sizeof(OV_RTC_INTF_CONFIG_LTE::Apn)];
 using DIAL_NUMBER = char[sizeof(OV_RTC_INTF_CONFIG_LTE::DialNumber)];
 
-static void _ChooseApn(const OV_RTC_INTF_CONFIG_LTE *Conf, APN &Apn)
+/* False when it was cut. */
+static bool _ChooseApn(const OV_RTC_INTF_CONFIG_LTE *Conf, APN &Apn)
 {
     static constexpr const char *Names[] = {"", "cmnet", "3gnet", "ctnet"};
     const FIELD_TEXT Configured(Conf->Apn);
@@ -81,19 +83,15 @@ static void _ChooseApn(const OV_RTC_INTF_CONFIG_LTE *Conf, APN &Apn)
                        : Conf->Carrier < std::size(Names)  ? Names[Conf->Carrier]
                                                            : "";
 
-    if (OV_SafeStrCopy(Apn, sizeof(Apn), Name) == sizeof(Apn)) {
-        OV_LOG_ERROR("apn is over flow");
-    }
+    return OV_SafeStrCopy(Apn, sizeof(Apn), Name) < sizeof(Apn);
 }
 
-static void _ChooseDialNumber(const OV_RTC_INTF_CONFIG_LTE *Conf, DIAL_NUMBER &DialNumber)
+static bool _ChooseDialNumber(const OV_RTC_INTF_CONFIG_LTE *Conf, DIAL_NUMBER &DialNumber)
 {
     const FIELD_TEXT Configured(Conf->DialNumber);
     const char *Number = Conf->Carrier == CARRIER_CONFIGURED ? Configured.Text : "*99#";
 
-    if (OV_SafeStrCopy(DialNumber, sizeof(DialNumber), Number) == sizeof(DialNumber)) {
-        OV_LOG_ERROR("dialNumber is over flow");
-    }
+    return OV_SafeStrCopy(DialNumber, sizeof(DialNumber), Number) < sizeof(DialNumber);
 }
 
 int OV_RTC4GmoduleCreateScript(const char *ifname, const OV_RTC_INTF_CONFIG_LTE *conf, int unit)
@@ -107,12 +105,17 @@ int OV_RTC4GmoduleCreateScript(const char *ifname, const OV_RTC_INTF_CONFIG_LTE 
         return -1;
     }
     _OV_RTCCompose(Path, sizeof(Path), CHAT_SCRIPT_PATH, unit);
-    FILE *File = _OV_RTCOpenText(Path);
+    FILE *File = fopen(Path, "we");
     if (File == nullptr) {
+        OV_LOG_DEBUG("Can't open %s", Path);
         return -1;
     }
-    _ChooseApn(conf, Apn);
-    _ChooseDialNumber(conf, DialNumber);
+    if (!_ChooseApn(conf, Apn)) {
+        OV_LOG_ERROR("apn is over flow");
+    }
+    if (!_ChooseDialNumber(conf, DialNumber)) {
+        OV_LOG_ERROR("dialNumber is over flow");
+    }
     OV_LOG_DEBUG("%s %d: %s unit%d type%d apn %s", __func__, __LINE__, ifname, unit,
                  static_cast<int>(conf->Carrier), Apn);
     fprintf(File, CHAT_TEXT, Apn, DialNumber);
@@ -121,8 +124,9 @@ int OV_RTC4GmoduleCreateScript(const char *ifname, const OV_RTC_INTF_CONFIG_LTE 
     }
 
     _OV_RTCCompose(Path, sizeof(Path), HOOK_PATH, unit);
-    File = _OV_RTCOpenText(Path);
+    File = fopen(Path, "we");
     if (File == nullptr) {
+        OV_LOG_DEBUG("Can't open %s", Path);
         return -1;
     }
     fprintf(File, IP_UP_HOOK, ifname, AGENT_PIPE);
@@ -194,7 +198,9 @@ int OV_RTCEcm4GConfig(const char *, const OV_RTC_INTF_CONFIG_LTE *conf, int enab
     if (enable == 0) {
         return RTC_RUN(ECM_TOOL " -t down ");
     }
-    _ChooseApn(conf, Apn);
+    if (!_ChooseApn(conf, Apn)) {
+        OV_LOG_ERROR("apn is over flow");
+    }
     RTC_RUN(ECM_TOOL " -t down");
     return Apn[0] != '\0' ? RTC_RUN(ECM_TOOL " -t up -a %s", Apn) : RTC_RUN(ECM_TOOL " -t up");
 }

@@ -7,9 +7,13 @@
  * local agent's pipe. Create script and options, then enable.
  *
  * Access point and dial number follow from the Carrier: 1 "cmnet", 2 "3gnet", 3 "ctnet", each with
- * "*99#"; 4 those of the record; any other none, and "*99#". They go through the shell or into a
- * chat script as they stand. Processes are found by the text of their command lines: a stop of unit
- * 1 hits unit 10 too.
+ * "*99#"; 4 those of the record; any other none, and "*99#". They and the interface name stand in
+ * commands and scripts as they are. The link-up script is writable by all. /etc/ppp, /etc/ppp/peers
+ * and /etc/corsin must be there.
+ *
+ * Processes are found by the text of their command lines in ps: a stop of unit 1 hits unit 10 too,
+ * COLUMNS must not be set (ps would cut the lines), and the lines found go to standard output. A
+ * stop that could not look, without ps or descriptors, says 0 as for one that found nothing.
  *
  * No state: any thread may call, one at a time for a unit and for the ECM modem. Unless said
  * otherwise the result is 0 when the command succeeded, else -1.
@@ -38,8 +42,9 @@ int OV_RTC4GmoduleCreateScript(const char *ifname, const OV_RTC_INTF_CONFIG_LTE 
 /* Writes the unit's pppd options; ifname is not looked at. */
 int OV_RTC4GmoduleCreateOption(const char *ifname, int unit);
 
-/* Empties the report file and starts pppd for the unit. It goes on by itself in the background, so
- * the result says only that it was started. */
+/* Empties the report file and starts pppd for the unit; one that runs is not stopped. It goes on by
+ * itself in the background, so the result says only that it was started. It has the caller's
+ * standard output. */
 int OV_RTC4GmoduleEnable(int unit);
 
 /* Makes the unit's link-up script not executable and kills its pppd; 0 also when none runs. */

@@ -59,6 +59,11 @@ static OV_ERR_T _SetStatic(const char *IfName, const OV_RTC_INTF_CONFIG_STATIC *
 {
     OV_ERR_T Result = 0;
 
+    if (Static->IpMulti.IpCnt > OV_CONF_IP_MAX || Static->Ip6Multi.IpCnt > OV_CONF_IP_MAX) {
+        OV_LOG_ERROR("too many addresses(IpCnt = %u and %u)", Static->IpMulti.IpCnt,
+                     Static->Ip6Multi.IpCnt);
+        return -EINVAL;
+    }
     if (Static->IpMulti.IpCnt != 0) {
         Result = _OV_RTCIntfSetIPMul(IfName, &Static->IpMulti);
         if (Result < 0) {

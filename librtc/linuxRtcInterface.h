@@ -37,10 +37,11 @@ typedef enum _OV_RTC_INTF_TYPE {
     OV_RTC_INTF_TYPE_DUPLEX = 8,    /* Val: full for other than 0, half for 0 */
     OV_RTC_INTF_TYPE_AUTONEG = 9,   /* Val: on for other than 0 */
     OV_RTC_INTF_TYPE_SNAT = 10,     /* not handled here */
-    OV_RTC_INTF_TYPE_MAC = 11,      /* Str: six groups with colons */
+    OV_RTC_INTF_TYPE_MAC = 11,      /* Str: six groups with colons; empty changes nothing */
     OV_RTC_INTF_TYPE_MAX = 12
 } OV_RTC_INTF_TYPE;
 
+/* A Mask of 0 is a host's: 32 and 128. */
 typedef struct _OV_RTC_INTF_CONFIG_STATIC {
     OV_CONF_IPMULTI IpMulti;
     OV_CONF_IP6MULTI Ip6Multi;
@@ -48,10 +49,11 @@ typedef struct _OV_RTC_INTF_CONFIG_STATIC {
 
 typedef struct _OV_RTC_INTF_CONFIG_PPPOE {
     char PppoeUser[64];
-    char PppoePasswd[64]; /* the log shows it, with the command that writes it down */
+    char PppoePasswd[64]; /* no " $ ` or \\: the shell reads it. The log shows it. */
 } OV_RTC_INTF_CONFIG_PPPOE;
 
-/* Text fields end in a NUL; one that does not is taken by its size. IfName must end in one. */
+/* Text fields end in a NUL; one that does not is taken by its size (Lte's: less one). IfName must
+ * end in one. */
 typedef struct _OV_RTC_INTF_CONFIG {
     u32 Type; /* an OV_RTC_INTF_TYPE */
     char IfName[16];
@@ -68,7 +70,8 @@ typedef struct _OV_RTC_INTF_CONFIG {
 /* Changes the setting of the request. Returns the worker's result, 0 for done or a negative number;
  * -EINVAL for a null request, a Type that is not handled, an IfName without a NUL and more than
  * OV_CONF_IP_MAX addresses; -EOVERFLOW for PPPoE options (user, password, the interface name
- * twice) of more than 127 characters. A static request that fails half-way leaves the addresses
+ * twice) of more than 127 characters. Without an interface name nothing is run but the modem's
+ * tool: -1. A static request that fails half-way leaves the addresses
  * before. Link parameters (MTU, speed, duplex, auto-negotiation) that are in place already are left
  * alone; everything else is always carried out. */
 OV_ERR_T OV_RTCIntfConfig(const OV_RTC_INTF_CONFIG *IntfConf);

@@ -74,19 +74,9 @@ OV_ERR_T OV_RTCIntfDelIP(const char *IfName, uint32_t Ip, uint8_t Mask)
     return RTC_RUN("ip addr del %s/%d dev %s", _OV_RTCIp4Text(Ip).Text, Mask, IfName);
 }
 
-/* Whether a record's count is one that the record can have. */
-static bool _IsCount(const void *Record, uint8_t Count)
-{
-    if (Record == nullptr || Count > OV_CONF_IP_MAX) {
-        OV_LOG_ERROR("invalid addresses(IpCnt = %u)", Count);
-        return false;
-    }
-    return true;
-}
-
 OV_ERR_T _OV_RTCIntfSetIPMul(const char *IfName, const OV_CONF_IPMULTI *IpMulti)
 {
-    if (!_IsCount(IpMulti, IpMulti == nullptr ? 0 : IpMulti->IpCnt)) {
+    if (IpMulti->IpCnt > OV_CONF_IP_MAX) {
         return -EINVAL;
     }
     for (uint8_t Index = 0; Index < IpMulti->IpCnt; Index++) {
@@ -124,7 +114,7 @@ OV_ERR_T _OV_RTCIntfSetIpv6Addr(const char *IfName, const OV_IN6_ADDR *Ip6, uint
 
 OV_ERR_T _OV_RTCIntfSetIP6Mul(const char *IfName, const OV_CONF_IP6MULTI *Ip6Multi)
 {
-    if (!_IsCount(Ip6Multi, Ip6Multi == nullptr ? 0 : Ip6Multi->IpCnt)) {
+    if (Ip6Multi->IpCnt > OV_CONF_IP_MAX) {
         return -EINVAL;
     }
     for (uint8_t Index = 0; Index < Ip6Multi->IpCnt; Index++) {
@@ -163,11 +153,12 @@ int rtc_if_pppoe_set(const char *Options, const char *IfName)
 {
     int32_t Unit = 0;
 
-    if (!_OV_RTCIsGiven(Options, IfName)) {
+    if (Options == nullptr || !_OV_RTCIsGiven(IfName)) {
         return -1;
     }
     OV_SafeStrGetI32(_UnitText(IfName), 10, &Unit);
-    return RTC_RUN(PEERS_COMMAND, static_cast<uint8_t>(Unit), Options, IfName);
+    return _OV_RTCRun(RTC_COMMAND_SIZE, -1, PEERS_COMMAND, static_cast<uint8_t>(Unit), Options,
+                      IfName);
 }
 
 static int _create_script4ipup(const char *IfName)
@@ -178,8 +169,9 @@ static int _create_script4ipup(const char *IfName)
     if (!_OV_RTCCompose(Path, sizeof(Path), HOOK_PATH, IfName)) {
         return -1;
     }
-    FILE *File = _OV_RTCOpenText(Path);
+    FILE *File = fopen(Path, "we");
     if (File == nullptr) {
+        OV_LOG_DEBUG("Can't open %s", Path);
         return -1;
     }
     fprintf(File, IP_UP_HOOK, IfName);
@@ -198,7 +190,7 @@ static void _remove_execute_bit(const char *IfName)
 
 int rtc_if_pppoe_start(const char *IfName)
 {
-    if (IfName == nullptr) {
+    if (!_OV_RTCIsGiven(IfName)) {
         return -1;
     }
     OV_StopPPPDProcess(IfName);
@@ -210,7 +202,7 @@ int OV_StopPPPDProcess(const char *IfName)
 {
     char Process[PPPD_COMMAND_SIZE];
 
-    if (IfName == nullptr) {
+    if (!_OV_RTCIsGiven(IfName)) {
         return -1;
     }
     _remove_execute_bit(IfName);
@@ -264,7 +256,7 @@ int rtc_if_dhcpclient_disable(const char *IfName)
     char List[PROCESS_LIST_SIZE] = "";
     int Result = 0;
 
-    if (IfName == nullptr ||
+    if (!_OV_RTCIsGiven(IfName) ||
         !_OV_RTCCompose(Command, sizeof(Command),
                         "ps aux |grep \"%s %s\" |                 grep -v grep |"
                         "awk '{printf \"%%s \", $2}'",

@@ -2,7 +2,7 @@
  * How an interface gets its addresses: static ones, by PPPoE, by DHCP. Each operation runs the
  * machine's own tools; names go through the shell as they stand, and a command line that does not
  * fit is not run. Unless said otherwise the result is 0 when the command succeeded, else -1, also
- * for a null name. No state: any thread may call, one at a time for an interface.
+ * for a name that is null or empty. No state: any thread may call, one at a time for an interface.
  *
  * IPv4 addresses are in host byte order (the first octet in the most significant byte); Mask is a
  * prefix length.
@@ -10,9 +10,11 @@
  * The pppd unit of an interface is the number behind its first three characters, its low 8 bits:
  * eth1 has unit 1 and the link ppp1. pppd reads its options from /etc/ppp/peers/NAME. When the link
  * comes up it runs /etc/ppp/ip-up.local.NAME, a script for bash, which reports the route to the
- * appliance; after a stop that file is not executable any more.
+ * appliance; after a stop that file is not executable any more. The options hold the password and
+ * have the mode that the umask leaves; the script is writable by all.
  *
- * Processes are found by the text of their command lines: a stop for eth1 hits those of eth10 too.
+ * Processes are found by the text of their command lines in ps: a stop for eth1 hits those of eth10
+ * too, and COLUMNS must not be set, or ps cuts these lines.
  */
 #ifndef LINUX_RTC_INTERFACE_ADDRESS_H
 #define LINUX_RTC_INTERFACE_ADDRESS_H
@@ -21,13 +23,15 @@
 
 OV_PUBLIC_BEGIN
 
-/* Sets an address; one that is there with the same prefix length is replaced. */
+/* Sets an address, with the broadcast address of its network; other addresses stay. Mask is taken
+ * as it stands, 0 too. */
 int rtc_if_set_ip(const char *IfName, uint32_t Ip, uint8_t Mask);
 
 /* Deletes an address; -1 also for the address 0. */
 OV_ERR_T OV_RTCIntfDelIP(const char *IfName, uint32_t Ip, uint8_t Mask);
 
-/* Drop all addresses of the interface, of IPv4 and of IPv6. */
+/* Drop addresses of the interface: the first all of them, of IPv6 and link-local ones too, the
+ * second those of IPv6. */
 int rtc_if_flush_ip(const char *IfName);
 OV_ERR_T OV_RTCIntfFlushIpv6Addr(const char *IfName);
 
@@ -46,15 +50,17 @@ int rtc_if_pppoe_start(const char *IfName);
 int OV_StopPPPDProcess(const char *IfName);
 
 /* Meant to return 0 when the PPP link of the interface is there. The link's name is cut short,
- * though: for a name of four characters (eth1) all links are asked for, which succeeds always, and
- * for longer ones "p", "pp" or "ppp", which fails, as a rule. */
+ * though: for a name of four characters (eth1) all links are asked for, which succeeds always; for
+ * up to three "ppp", for five to seven "p", "pp" or "ppp", which fails, as a rule; for longer ones
+ * a part of the name, maybe another's link (eth12345: ppp1). */
 int rtc_is_inf_pppoe(const char *IfName);
 
-/* Starts a DHCP client, which goes to the background at once; one that runs is killed first. */
+/* Starts a DHCP client, which goes to the background at once; one that runs is killed first, as far
+ * as the operation below can. */
 int rtc_if_dhcpclient_enable(const char *IfName);
 
-/* Kills the interface's DHCP clients. Returns 0, also when none runs, or -1 when one could not be
- * killed. */
+/* Kills the interface's DHCP clients. Returns 0, also when none was found (their numbers must fit
+ * in 255 characters), or -1 when one could not be killed. */
 int rtc_if_dhcpclient_disable(const char *IfName);
 
 OV_PUBLIC_END

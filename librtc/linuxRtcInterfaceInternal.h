@@ -18,7 +18,7 @@ typedef enum _OV_RTC_L2_CONF_TYPE {
 } OV_RTC_L2_CONF_TYPE;
 
 /* Reads the present setting of an interface as text into OutStr (Size characters with the NUL; null
- * to see only whether it can be read). Returns 0 or -ESRCH (a name that is null or too long for
+ * to see only whether it can be read). Returns 0 or -ESRCH (a name that is missing or too long for
  * path or command), -EINTR (no such setting), -ENXIO (no such file), -EBADF (nothing in it),
  * -EAGAIN (the tool did not print it), -EINVAL (a queue length that OutStr cannot hold); the other
  * texts are cut. */
@@ -36,7 +36,7 @@ int32_t _OV_RTCIfGetSysFilePath(OV_RTC_L2_CONF_TYPE Type, const char *IfName, ch
                                 size_t Size);
 
 /* Set the addresses of a record in their order; a Mask of 0 is a host's. The first failure ends it
- * and is the result; -EINVAL for a null record and more addresses than it holds. */
+ * and is the result; -EINVAL for more addresses than the record holds. */
 OV_ERR_T _OV_RTCIntfSetIPMul(const char *IfName, const OV_CONF_IPMULTI *IpMulti);
 OV_ERR_T _OV_RTCIntfSetIP6Mul(const char *IfName, const OV_CONF_IP6MULTI *Ip6Multi);
 

@@ -66,9 +66,8 @@ int rtc_if_down(const char *ifname)
 
 int rtc_if_set_mac(const char *ifname, const char *mac)
 {
-    const size_t Length = mac == nullptr ? 0 : strlen(mac);
-    if (Length == 0) {
-        OV_LOG_DEBUG("strlen(mac)=%d ", static_cast<int>(Length));
+    if (mac != nullptr && mac[0] == '\0') {
+        OV_LOG_DEBUG("strlen(mac)=%d ", 0);
         return 0;
     }
     return RTC_RUN("ifconfig %s hw ether %s", ifname, mac);

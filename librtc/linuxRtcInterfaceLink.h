@@ -1,11 +1,13 @@
 /*
  * The link parameters of an interface. Each setter runs one command (ifconfig, ethtool); names go
  * through the shell as they stand, and a command line that does not fit is not run. Unless said
- * otherwise the result is 0 when the command succeeded, else -1, also for a null name.
+ * otherwise the result is 0 when the command succeeded, else -1, also for a name that is null or
+ * empty.
  *
  * Setters marked "compared" first read the present value. When it is the one asked for they say so
  * in the log and return 0 without a command, for setting it would bounce the link. A value that
- * cannot be read counts as another.
+ * cannot be read counts as another: auto-negotiation of interfaces with names of 13 characters or
+ * more, queue lengths of more than six digits, the speed and duplex of a link that is down.
  *
  * No state: any thread may call, one at a time for an interface.
  */
@@ -21,7 +23,7 @@ OV_PUBLIC_BEGIN
 int rtc_if_up(const char *ifname);
 int rtc_if_down(const char *ifname);
 
-/* mac: six groups with colons; an empty or a null one changes nothing and is 0. */
+/* mac: six groups with colons; an empty one changes nothing and is 0. */
 int rtc_if_set_mac(const char *ifname, const char *mac);
 
 /* Bytes; compared. -EINVAL for a negative Mtu and a name that is null or of 16 characters or more.

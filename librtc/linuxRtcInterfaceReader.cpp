@@ -26,7 +26,7 @@ int32_t _OV_RTCIfGetSysFilePath(OV_RTC_L2_CONF_TYPE Type, const char *IfName, ch
         return -EINTR;
     }
     const bool IsWhole =
-        IfName != nullptr && SysFilePath != nullptr && Size > 0 &&
+        _OV_RTCIsGiven(IfName) && SysFilePath != nullptr && Size > 0 &&
         _OV_RTCCompose(SysFilePath, Size - 1, "/sys/class/net//%s/%s", IfName, Names[Type]);
     return IsWhole ? 0 : -ESRCH;
 }
@@ -70,8 +70,9 @@ int32_t _OV_RTCIfGetCurAutoGeno(const char *IfName, char *OutStr, size_t Size)
     char Output[ETHTOOL_OUTPUT_SIZE] = "";
     char Word[WORD_SIZE] = "";
 
-    if (IfName == nullptr || !_OV_RTCCompose(Command, sizeof(Command) - 1,
-                                             "ethtool %s |grep \"Auto-negotiation:\"", IfName)) {
+    if (!_OV_RTCIsGiven(IfName) ||
+        !_OV_RTCCompose(Command, sizeof(Command) - 1, "ethtool %s |grep \"Auto-negotiation:\"",
+                        IfName)) {
         return -ESRCH;
     }
     if (OV_RTCExecCmd(Command, Output, sizeof(Output)) == 0) {

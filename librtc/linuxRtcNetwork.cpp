@@ -10,7 +10,6 @@
 #include "orvaneRtcIpRule.h"
 #include "orvaneSafeStr.h"
 
-#include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
@@ -229,25 +228,17 @@ int rtc_net_br_set_port(void)
     return 0;
 }
 
-/* Composes a bridge's command; says so in the log when it does not fit. */
-static int32_t _ComposeForBridge(char (&Command)[RTC_COMMAND_SIZE], const char *Format, ...)
-    OV_PRINTF_LIKE(2, 3);
-static int32_t _ComposeForBridge(char (&Command)[RTC_COMMAND_SIZE], const char *Format, ...)
-{
-    va_list Arguments;
-
-    va_start(Arguments, Format);
-    const bool IsWhole = _OV_RTCComposeList(Command, COMMAND_ROOM, Format, Arguments);
-    va_end(Arguments);
-    if (!IsWhole) {
-        OV_LOG_ERROR("buff overflow ");
-        return -OV_RTC_ERROR_BUFF_OVERFLOW;
-    }
-    return 0;
-}
-#define COMPOSE_FOR_BRIDGE(Command, Format, ...)                                     \
-    (_OV_RTCIsGiven(__VA_ARGS__) ? _ComposeForBridge(Command, Format, ##__VA_ARGS__) \
-                                 : -OV_RTC_ERROR_INVALID_PARAM)
+/* Composes a bridge's command line: 0, or the operation's result when there is none to run. */
+#define COMPOSE_FOR_BRIDGE(Command, Format, ...)                                                  \
+    (!_OV_RTCIsGiven(__VA_ARGS__)                                   ? -OV_RTC_ERROR_INVALID_PARAM \
+     : _OV_RTCCompose(Command, COMMAND_ROOM, Format, ##__VA_ARGS__) ? 0                           \
+                                                                    : -OV_RTC_ERROR_BUFF_OVERFLOW)
+#define LOG_IF_CUT(Composed)                             \
+    do {                                                 \
+        if ((Composed) == -OV_RTC_ERROR_BUFF_OVERFLOW) { \
+            OV_LOG_ERROR("buff overflow ");              \
+        }                                                \
+    } while (0)
 
 static bool _IsLongQueueBoard(int32_t Platform)
 {
@@ -261,6 +252,7 @@ int32_t OV_RTCBridgeAdd(const char *BrIfName)
 
     const int32_t Composed = COMPOSE_FOR_BRIDGE(Command, "brctl addbr %s", BrIfName);
     if (Composed != 0) {
+        LOG_IF_CUT(Composed);
         return Composed;
     }
     const int32_t Result = OV_RTCSystem(Command);
@@ -277,6 +269,7 @@ int32_t OV_RTCBridgeDel(const char *BrIfName)
 
     const int32_t Composed = COMPOSE_FOR_BRIDGE(Command, "brctl delbr %s", BrIfName);
     if (Composed != 0) {
+        LOG_IF_CUT(Composed);
         return Composed;
     }
     OV_RTCBridgePortFlush(BrIfName);
@@ -297,6 +290,7 @@ int32_t _OV_RTCBridgePortGetAll(const char *BrIfName, char *PortIfStr, size_t Po
                            "else if (NR > 2) {printf(\"%%s \", $1)}}'",
                            BrIfName);
     if (Composed != 0) {
+        LOG_IF_CUT(Composed);
         return Composed;
     }
     if (OV_RTCExecCmd(Command, PortIfStr, PortIfStrSize) < 0) {
@@ -317,6 +311,7 @@ int32_t OV_RTCBridgePortAdd(const char *BrIfName, const char *PortIfName)
         Composed = COMPOSE_FOR_BRIDGE(Command, "brctl addif %s %s", BrIfName, PortIfName);
     }
     if (Composed != 0) {
+        LOG_IF_CUT(Composed);
         return Composed;
     }
     OV_RTCSystem(Strip);
@@ -328,7 +323,11 @@ int32_t OV_RTCBridgePortDel(const char *BrIfName, const char *PortIfName)
     char Command[RTC_COMMAND_SIZE];
 
     const int32_t Composed = COMPOSE_FOR_BRIDGE(Command, "brctl delif %s %s", BrIfName, PortIfName);
-    return Composed != 0 ? Composed : OV_RTCSystem(Command);
+    if (Composed != 0) {
+        LOG_IF_CUT(Composed);
+        return Composed;
+    }
+    return OV_RTCSystem(Command);
 }
 
 int32_t OV_RTCBridgePortFlush(const char *BrIfName)

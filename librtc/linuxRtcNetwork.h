@@ -4,8 +4,9 @@
  * names and texts go through the shell as they stand, so check them first. A command line of 511
  * characters or more is not run.
  *
- * Unless said otherwise the result is 0 when the command succeeded, else -1, also for a null text
- * and a command line that is too long. No state: any thread may call.
+ * Unless said otherwise the result is 0 when the command succeeded, else -1, also for a text
+ * that is null or empty (but for the servers) and a command line that is too long. No state: any
+ * thread may call.
  */
 #ifndef LINUX_RTC_NETWORK_H
 #define LINUX_RTC_NETWORK_H
@@ -22,11 +23,11 @@ int32_t OV_RTCNetDelIpRule(const int Prio, OV_IN_ADDR_TYPE IpType);
 
 /* Puts the main table (254) at priority 50 and the default table (253) at 240, for both families,
  * in place of a rule that stands there: the rules of other tables go between them. Failures are in
- * the log. */
+ * the log, those of a first start too, which finds no rules to replace. */
 void OV_RTCNetIpRuleOrderInit(void);
 
 /* Writes /etc/resolv.conf anew: a line for each of the servers in resolv, which are separated by
- * blanks. resolv is split in place and must be writable. */
+ * blanks; a blank line ends the file. resolv is split in place and must be writable. */
 int rtc_net_set_dns(char *resolv);
 
 /* Static entries of the neighbour table, IPv4. */
@@ -67,7 +68,7 @@ int rtc_net_bond_del_allport(const char *ifname);
 int rtc_net_br_set(void);
 int rtc_net_br_set_port(void);
 
-/* Bridges. Return 0, -1 (the command failed, or a null name), or the negated
+/* Bridges. Return 0, -1 (the command failed, or a name that is null or empty), or the negated
  * OV_RTC_ERROR_BUFF_OVERFLOW for a command that does not fit: then nothing is run. */
 
 /* Adds a bridge and brings it up; on the boards Huier-H61 and LiHua with a longer transmit queue.
@@ -77,13 +78,14 @@ int32_t OV_RTCBridgeAdd(const char *BrIfName);
 /* Takes the ports off, brings the bridge down and deletes it. */
 int32_t OV_RTCBridgeDel(const char *BrIfName);
 
-/* Takes the port's IPv4 addresses off and puts it in the bridge. */
+/* Takes the port's first IPv4 address and those of its network off (others stay), which brings it
+ * up, and puts it in the bridge. */
 int32_t OV_RTCBridgePortAdd(const char *BrIfName, const char *PortIfName);
 
 int32_t OV_RTCBridgePortDel(const char *BrIfName, const char *PortIfName);
 
-/* Takes all ports off, as far as they can be listed in 511 characters. The result is that of the
- * listing: 0, or the negated OV_RTC_ERROR_BUFF_PARSE. */
+/* Takes all ports off, or none when their names, each with a blank, need 512 characters or more.
+ * The result is that of the listing: 0 in both cases, or the negated OV_RTC_ERROR_BUFF_PARSE. */
 int32_t OV_RTCBridgePortFlush(const char *BrIfName);
 
 OV_PUBLIC_END

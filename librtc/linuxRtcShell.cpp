@@ -3,9 +3,10 @@
 #include "linuxRtc.h"
 #include "orvaneLibrtcLog.h"
 
+#include <stdarg.h>
 #include <sys/stat.h>
 
-bool _OV_RTCComposeList(char *Out, size_t Room, const char *Format, va_list Arguments)
+static bool _Compose(char *Out, size_t Room, const char *Format, va_list Arguments)
 {
     const int Length = vsnprintf(Out, Room, Format, Arguments);
     return Length >= 0 && static_cast<size_t>(Length) < Room;
@@ -16,7 +17,7 @@ bool _OV_RTCCompose(char *Out, size_t Room, const char *Format, ...)
     va_list Arguments;
 
     va_start(Arguments, Format);
-    const bool IsWhole = _OV_RTCComposeList(Out, Room, Format, Arguments);
+    const bool IsWhole = _Compose(Out, Room, Format, Arguments);
     va_end(Arguments);
     return IsWhole;
 }
@@ -27,7 +28,7 @@ int _OV_RTCRun(size_t Room, int Refused, const char *Format, ...)
     va_list Arguments;
 
     va_start(Arguments, Format);
-    const bool IsWhole = _OV_RTCComposeList(Command, Room, Format, Arguments);
+    const bool IsWhole = _Compose(Command, Room, Format, Arguments);
     va_end(Arguments);
     return IsWhole ? OV_RTCSystem(Command) : Refused;
 }
@@ -44,16 +45,6 @@ int _OV_RTCKillProcess(size_t Room, int Refused, const char *Text)
                       "kill -9 `ps aux | grep \"%s\" | grep -v grep | awk '{print $2}' `"
                       ">/dev/null 2>&1",
                       Text);
-}
-
-FILE *_OV_RTCOpenText(const char *Path)
-{
-    FILE *File = fopen(Path, "we");
-
-    if (File == nullptr) {
-        OV_LOG_DEBUG("Can't open %s", Path);
-    }
-    return File;
 }
 
 int _OV_RTCCloseText(FILE *File, const char *Path, mode_t Mode)

@@ -5,9 +5,10 @@
 # root), on copies of every place that the library writes: /etc, /tmp, /run, /var/log. The copies
 # live in memory and are gone when the command ends, as is every process that it leaves; the folder
 # MACHINE, unless it is "-", is /run/machine meanwhile and keeps what the command puts there. The
-# checkout is visible at /run/checkout, also when it lies below a place that is covered; COMMAND is
-# a path below it, relative to it. RTC_SANDBOX=1 tells the command where it is. /sys shows the
-# links of the private network.
+# checkout, which must not lie below /run, is visible at /run/checkout, also when it lies below
+# another place that is covered; COMMAND is a path below it, relative to it. RTC_SANDBOX=1 tells the
+# command where it is. /sys shows the links of the private network. Whatever ends this script ends
+# all of it.
 #
 # Commands that the library runs are found in /run/commands first (empty; the command may fill
 # it), then among the simulated ones beside this script. /bin/sh is bash, as on the appliance, and
@@ -18,16 +19,25 @@ checkout=$(realpath "$1")
 machine=$2
 shift 2
 
+cannot() {
+    echo "sandbox: $*" >&2
+    exit 77 # what CTest counts as skipped
+}
+
 if [ -z "${RTC_SANDBOX_ENTERED:-}" ]; then
     namespaces=(--mount --net --pid --fork --kill-child --mount-proc --propagation private)
     [ "$(id -u)" -eq 0 ] || namespaces+=(--user --map-root-user)
     if ! unshare "${namespaces[@]}" true 2>/dev/null; then
-        echo "sandbox: no private namespaces here (as root, or with user namespaces allowed, and" \
-        "not in a plain chroot, there are)" >&2
-        exit 77 # what CTest counts as skipped
+        cannot "no private namespaces here (as root, or with user namespaces allowed, and not in" \
+            "a plain chroot, there are)"
     fi
-    RTC_SANDBOX_ENTERED=1 exec unshare "${namespaces[@]}" "$0" "$checkout" "$machine" "$@"
+    # unshare itself lets no signal end it but the one that comes when this shell is gone.
+    status=0
+    RTC_SANDBOX_ENTERED=1 setpriv --pdeathsig KILL unshare "${namespaces[@]}" \
+        "$0" "$checkout" "$machine" "$@" || status=$?
+    exit "$status"
 fi
+[ $$ -eq 1 ] || cannot "RTC_SANDBOX_ENTERED is set outside"
 unset RTC_SANDBOX_ENTERED
 
 if [ "$machine" != - ]; then
@@ -48,11 +58,12 @@ for place in /etc /tmp /var/log; do
     mount --bind "$copy" "$place"
 done
 chmod 1777 /tmp
-mount -t sysfs sysfs /sys
+mount -t sysfs sysfs /sys || cannot "no /sys of its own"
 for place in /bin /sbin; do
     copy=/run/copies$place
     mkdir "$copy" "$copy.work"
-    mount -t overlay overlay -o "lowerdir=$place,upperdir=$copy,workdir=$copy.work" "$place"
+    mount -t overlay overlay -o "lowerdir=$place,upperdir=$copy,workdir=$copy.work" "$place" ||
+        cannot "nothing may lie over $place (an older kernel?)"
 done
 ln -sf bash /bin/sh
 ip link set lo up 2>/dev/null || true
