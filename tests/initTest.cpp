@@ -17,6 +17,7 @@
 #include <memory>
 #include <regex>
 #include <signal.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -158,6 +159,7 @@ class Init : public testing::Test {
     void TearDown() override
     {
         IsFlooding = false;
+        OV_RTCMonitorUnregCallback(0); /* the relayed events' outlives the stop */
         Requests.reset();
         Notifications.reset();
         Conf.reset();
@@ -282,6 +284,32 @@ TEST_F(Init, FullStartAndStop)
     OV_RTCExit();
     EXPECT_EQ(Told(), LAST_STOP);
     ExpectNothingOpen();
+}
+
+/* The event's block belongs to the account of before, not to the one of the same name. */
+TEST_F(Init, AnAccountThatIsMadeAnewDuringAnEvent)
+{
+    char Usage[64] = "";
+    const auto Renew = [](OV_RTC_MONITOR_NOTIFY *Notify) {
+        if (Notify->Type == MONITOR_DATAPATH && s_Events++ == 0) {
+            OV_LibrtcMemModuleUnregister();
+            OV_LibrtcMemModuleRegister();
+        }
+        return 0;
+    };
+
+    StartServices();
+    s_Events = 0;
+    ASSERT_EQ(OV_RTCInit(nullptr), 0);
+    EXPECT_EQ(OV_RTCMonitorRegCallback(Renew), 0);
+    IsFlooding = true;
+    EXPECT_TRUE(WaitUntil([] { return s_Events > 1; }));
+    IsFlooding = false;
+    EXPECT_TRUE(WaitUntil([&] {
+        OV_LibrtcMemGetUsage(Usage, sizeof(Usage));
+        return strcmp(Usage, "[MEMINFO]LIBRTC:Counter=0,Size=0\n") == 0;
+    })) << Usage;
+    OV_RTCExit();
 }
 
 TEST_F(Init, StopsAmongEvents)
