@@ -95,7 +95,7 @@ int32_t _OV_RTCIfGetCurTxQueueLen(const char *IfName, char *OutStr, size_t Size)
     char Output[IFCONFIG_OUTPUT_SIZE] = "";
     char Word[WORD_SIZE] = "";
 
-    if (IfName == nullptr ||
+    if (!_OV_RTCIsGiven(IfName) ||
         !_OV_RTCCompose(Command, sizeof(Command) - 1, "ifconfig %s |grep \"txqueuelen\"", IfName)) {
         return -ESRCH;
     }

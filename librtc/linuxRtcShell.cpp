@@ -6,7 +6,8 @@
 #include <stdarg.h>
 #include <sys/stat.h>
 
-static bool _Compose(char *Out, size_t Room, const char *Format, va_list Arguments)
+static bool OV_PRINTF_LIKE(3, 0)
+    _Compose(char *Out, size_t Room, const char *Format, va_list Arguments)
 {
     const int Length = vsnprintf(Out, Room, Format, Arguments);
     return Length >= 0 && static_cast<size_t>(Length) < Room;

@@ -10,15 +10,7 @@
 #include <bit>
 #include <errno.h>
 #include <netlink/cache.h>
-#include <regex>
-#include <sys/resource.h>
 #include <thread>
-
-static std::string Shell(const std::string &Command)
-{
-    EXPECT_EQ(WaitForProcess(StartProcess({"sh", "-c", Command}, {}, "/tmp/output")), 0) << Command;
-    return ReadFile("/tmp/output");
-}
 
 static OV_CONF_IP_MASK Address(const std::string &Text, int PrefixLength)
 {
@@ -71,7 +63,7 @@ static int Collect(OV_RTC_MONITOR_NOTIFY *Notify, void *Count)
     const OV_KERNEL_ROUTE_NOTIFY &Entry = Notify->RouteNotify;
     char Text[256];
 
-    snprintf(Text, sizeof(Text), "%u %u %s/%u via %s dev %s table %u proto %u metric %u\n",
+    snprintf(Text, sizeof(Text), "\n%u %u %s/%u via %s dev %s table %u proto %u metric %u",
              Notify->Type, Entry.Event, Entry.Dst, Entry.DstMask, Entry.Gateway, Entry.ifName,
              Entry.TableId, Entry.Protocol, Entry.Priority);
     s_Dumped += Entry.Protocol > 2 ? Text : "";
@@ -96,17 +88,6 @@ static int Call(const std::string &Line)
            : Name == "rule add"      ? OV_RTCIpRuleAdd(&RuleConf)
            : Name == "rule del"      ? OV_RTCIpRuleDel(&RuleConf)
                                      : OV_IsIpRuleExist(&RuleConf);
-}
-
-/* What was dumped, and logged: without the numbers of levels and lines, a record on one line. */
-static std::string Logged()
-{
-    std::string Result = std::exchange(s_Dumped, "");
-
-    for (const std::string &Line : TakeLog()) {
-        Result += std::regex_replace(Line, std::regex(R"(^\d (\[\w+\]\[\w+)-\d+)"), "$1");
-    }
-    return std::regex_replace(Result, std::regex("\n\\."), "\\n.");
 }
 
 /* Routes and rules beyond the kernel's own, without quotes, empty flags and every path's weight. */
@@ -138,8 +119,6 @@ class RouteTest : public testing::Test {
     }
 };
 
-/* "> call = result" or, with no descriptor to be had, "!"; its log; what is then held where that is
- * another. "$ command". */
 static constexpr char STORY[] = R"(
 > route add 8.0.0.0 8 0 1.1.1.2@ = 0
 [INFO][_OV_RTCRouetProcess]route add inet 8.0.0.0/8 type unicast via 1.1.1.2 \n.
@@ -259,29 +238,11 @@ $ ip rule del prio 60
 
 TEST_F(RouteTest, TheStory)
 {
-    std::string Told;
-    std::string Before;
-    struct rlimit All;
-
-    getrlimit(RLIMIT_NOFILE, &All);
-    const struct rlimit None = {0, All.rlim_max};
-    for (const std::string &Line : Lines(STORY + 1)) {
-        const std::string Words = Line.substr(0, Line.find(" = "));
-        if (Line[0] == '$') {
-            Shell(Line.substr(2));
-            Told += Line + "\n";
-        } else if (Line[0] == '>' || Line[0] == '!') {
-            setrlimit(RLIMIT_NOFILE, Line[0] == '!' ? &None : &All);
-            const int Result = Call(Words.substr(2));
-            setrlimit(RLIMIT_NOFILE, &All);
-            const std::string Now = Held();
-            const bool IsSame = std::exchange(Before, Now) == Now;
-            Told += Words + " = " + std::to_string(Result) +
-                    (IsSame || !Now.empty() ? "\n" : ", nothing held\n") + Logged() +
-                    (IsSame || Now.empty() ? "" : Now + "\n");
-        }
-    }
-    EXPECT_EQ(Told, STORY + 1);
+    const auto Tell = [](const std::string &Line) {
+        const std::string Result = std::to_string(Call(Line));
+        return Result + std::exchange(s_Dumped, "");
+    };
+    EXPECT_EQ(Retell(STORY + 1, Tell, Held), STORY + 1);
 }
 
 TEST_F(RouteTest, WhatTheStoryCannotSay)

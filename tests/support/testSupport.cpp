@@ -2,15 +2,19 @@
 
 #include "orvaneLibrtcLog.h"
 
+#include <arpa/inet.h>
 #include <chrono>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <iomanip>
 #include <mutex>
+#include <regex>
 #include <spawn.h>
-#include <sstream>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -20,6 +24,7 @@
 static std::mutex gs_LogLock;
 static STRINGS gs_Log;       /* under gs_LogLock */
 static STRINGS gs_SystemLog; /* under gs_LogLock */
+static bool gs_RecordPipes;  /* under gs_LogLock */
 
 std::string BuildFolder()
 {
@@ -127,6 +132,12 @@ int WaitForProcess(pid_t Process)
     return WIFEXITED(Status) ? WEXITSTATUS(Status) : 128 + WTERMSIG(Status);
 }
 
+std::string Shell(const std::string &Command)
+{
+    EXPECT_EQ(WaitForProcess(StartProcess({"sh", "-c", Command}, {}, "/tmp/output")), 0) << Command;
+    return ReadFile("/tmp/output");
+}
+
 static void __attribute__((format(printf, 2, 0)))
 RecordLineValist(int Level, const char *Format, va_list Args)
 {
@@ -176,6 +187,20 @@ __syslog_chk(int Priority, int /*Flag*/, const char *Format, ...)
     va_end(Args);
 }
 
+/* In front of libc's own, for stories: such a command is logged by nobody. */
+extern "C" FILE *popen(const char *Command, const char *Mode)
+{
+    static const auto Real =
+        reinterpret_cast<FILE *(*)(const char *, const char *)>(dlsym(RTLD_NEXT, "popen"));
+    {
+        const std::lock_guard Guard(gs_LogLock);
+        if (gs_RecordPipes) {
+            gs_Log.push_back(std::string("|< ") + Command + "\n");
+        }
+    }
+    return Real(Command, Mode);
+}
+
 STRINGS TakeSystemLog()
 {
     const std::lock_guard Guard(gs_LogLock);
@@ -207,6 +232,161 @@ std::string TakeMessages(const std::string &Levels)
         }
     }
     return Messages;
+}
+
+std::string Logged()
+{
+    static const std::regex Numbers(R"(^\d (\[\w+\]\[\w+)-\d+)");
+    static const std::string Failed = "[ERROR][OV_RTCSystem]";
+    std::string Result;
+    std::string Command;
+
+    for (std::string Line : TakeLog()) {
+        Line = std::regex_replace(Line, Numbers, "$1");
+        Line.resize(Line.find_last_not_of('\n') + 1);
+        Line = std::regex_replace(Line, std::regex("\n"), "\\n");
+        if (!Command.empty() && Line == Failed + Command + " , rc=-1") {
+            Result += ", failed";
+        } else if (Line.starts_with("[INFO][OV_RTCSystem]")) {
+            Command = Line.substr(Failed.size() - 1);
+            Result += "\n| " + Command;
+        } else {
+            Result += "\n" + Line;
+        }
+    }
+    return Result;
+}
+
+/* The lines of Now that Before has not. */
+static std::string New(const std::string &Before, const std::string &Now)
+{
+    const STRINGS Old = Lines(Before);
+    std::string Result;
+
+    for (const std::string &Line : Lines(Now)) {
+        Result += std::find(Old.begin(), Old.end(), Line) == Old.end() ? Line + "\n" : "";
+    }
+    return Result;
+}
+
+std::string Retell(const std::string &Story, const std::function<std::string(std::string)> &Call,
+                   const std::function<std::string()> &Held)
+{
+    std::string Told;
+    std::string Before = Held();
+    struct rlimit All;
+
+    getrlimit(RLIMIT_NOFILE, &All);
+    const struct rlimit None = {0, All.rlim_max};
+    gs_RecordPipes = true;
+    for (const std::string &Line : Lines(Story)) {
+        const std::string Words = Line.substr(0, Line.find(" = "));
+        if (Line.starts_with("$ ")) {
+            Told += Line + "\n" + Shell(Line.substr(2));
+            Told += Told.ends_with("\n") ? "" : "\n";
+        } else if (Line.starts_with("> ") || Line.starts_with("! ")) {
+            setrlimit(RLIMIT_NOFILE, Line[0] == '!' ? &None : &All);
+            const std::string Result = Call(Words.substr(2));
+            setrlimit(RLIMIT_NOFILE, &All);
+            const std::string Now = Held();
+            Told += Words + " = " + Result;
+            Told += Now.empty() && !Before.empty() ? ", nothing held" : "";
+            Told += Logged() + "\n" + New(std::exchange(Before, Now), Now);
+        }
+    }
+    gs_RecordPipes = false;
+    return Told;
+}
+
+std::string Links()
+{
+    return Shell(R"sh(ip -j addr | sed -E '
+s/\},?\{"ifindex/\n"ifindex/g; s/"flags":\[[^]]*"UP"[^]]*\]/up/g; s/"flags":\[[^]]*\]/down/g
+s/"(ifindex|link_index|link|qdisc|operstate|group|link_type|label|scope)":("[^"]*"|[0-9]+),?//g
+s/"(tentative|noprefixroute|secondary|[a-z]*_life_time)":(true|[0-9]+),?//g
+s/"address":"02:00:00:00:00:/"mac:/g; s/"address":"[^"]*",//g; s/"broadcast":"ff:[^"]*",//g
+s/"family":"inet6?","local":"([^"]*)","prefixlen":([0-9]+),?/\1\/\2,/g; s/,?\}/}/g
+s/"(ifname|addr_info)"://g; s/["{}]//g; s/\]+$/]/' | sed 1d)sh");
+}
+
+void InstallStoryCommands()
+{
+    InstallCommand("fake", R"(case $1 in */*) file=$1 ;; *) file=/run/commands/$1 ;; esac
+mkdir -p "${file%/*}" && printf '#!/bin/sh\n%s\n' "$2" >"$file" && chmod 755 "$file")");
+    InstallCommand("record", R"(for name; do fake "$name" 'echo "$PWD: $0 $*" >>/run/ran'; done)");
+    InstallCommand("ran", "for i in {1..500}; do [ -s /run/ran ] && break; sleep .01; done\n"
+                          "cat /run/ran && rm /run/ran");
+    InstallCommand("running", R"(for i in {1..500}; do
+all=$(ps -e -o args) && [ $(grep -v "running $1" <<<"$all" | grep -cF -e "$2") = $1 ] && exit
+sleep .01; done; exit 1)");
+}
+
+STORY_WORD::STORY_WORD(const std::string &Word) : Number(strtoll(Word.c_str(), nullptr, 0))
+{
+    struct in_addr Address;
+
+    if (Word != "NULL") {
+        Text.assign(Word.c_str(), Word.c_str() + Word.size() + 1);
+    }
+    if (inet_pton(AF_INET, Word.c_str(), &Address) == 1) {
+        Number = ntohl(Address.s_addr);
+    }
+}
+
+static std::string CallByName(const STORY_CALL_MAP &Calls, const std::string &Line)
+{
+    std::istringstream Stream(Line + " ;");
+    std::string Results;
+    STRINGS Words;
+
+    for (std::string Word; Stream >> std::quoted(Word);) {
+        if (Word != ";") {
+            Words.push_back(Word);
+            continue;
+        }
+        const STORY_CALL &Call = Calls.at(Words.front());
+        Words.erase(Words.begin());
+        Results += (Results.empty() ? "" : ", ") + Call(std::exchange(Words, {}));
+    }
+    return Results;
+}
+
+std::string RetellCalls(const std::string &Story, const STORY_CALL_MAP &Calls)
+{
+    const std::string Told = Retell(
+        Story, [&](const std::string &Line) { return CallByName(Calls, Line); }, Links);
+
+    return std::regex_replace(Told, std::regex("(Script) \\d+:"), "$1 LINE:");
+}
+
+/* The longest of the commands that the log tells of. */
+static size_t LongestCommand()
+{
+    size_t Longest = 0;
+
+    for (const std::string &Line : TakeLog()) {
+        if (Line.starts_with("1 [INFO][OV_RTCSystem-")) {
+            Longest = std::max(Longest, Line.size() - Line.find(']', 10) - 2); /* and the newline */
+        }
+    }
+    return Longest;
+}
+
+void ExpectLimit(const STORY_CALL_MAP &Calls, const std::string &Line, size_t Limit,
+                 const std::string &Refusal)
+{
+    const auto CallWith = [&](size_t Length) {
+        const std::string Name(Length, 'a');
+        return CallByName(Calls, std::regex_replace(Line, std::regex("NAME"), Name));
+    };
+    SCOPED_TRACE(Line);
+    TakeLog();
+    CallWith(16); /* no interface has a name of that length */
+    const size_t Length = 16 + Limit - LongestCommand();
+    CallWith(Length);
+    EXPECT_EQ(LongestCommand(), Limit);
+    EXPECT_EQ(CallWith(Length + 1), Refusal);
+    EXPECT_EQ(LongestCommand(), 0U);
 }
 
 ::testing::AssertionResult IsLogLine(const std::string &Line, const char *Level,
