@@ -163,8 +163,8 @@ void _OV_RTCNotifyInit(OV_RTC_MONITOR_NOTIFY *Notify, OV_RTC_MONITOR_TYPE Type, 
 NOTIFY_SCOPE _OV_RTCNotifyAlloc(OV_RTC_MONITOR_TYPE Type, RECORD Record, size_t Extra)
 {
     const size_t Size = sizeof(OV_RTC_MONITOR_NOTIFY) + Extra;
-    const int32_t ModId = g_LibrtcModID;
-    NOTIFY_SCOPE Notify(static_cast<OV_RTC_MONITOR_NOTIFY *>(OV_MemAlloc(ModId, Size, 0)), {ModId});
+    const uint32_t ModStart = g_LibrtcModStart;
+    NOTIFY_SCOPE Notify(static_cast<OV_RTC_MONITOR_NOTIFY *>(OV_LibrtcMemAlloc(Size)), {ModStart});
 
     if (Notify) {
         _Fill(Notify.get(), Size, Type, Record);

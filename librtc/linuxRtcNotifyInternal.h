@@ -39,13 +39,14 @@ using RECORD = std::span<const uint8_t>;
 /* Fills *Notify: the record stands in the union, all else is zero. */
 void _OV_RTCNotifyInit(OV_RTC_MONITOR_NOTIFY *Notify, OV_RTC_MONITOR_TYPE Type, RECORD Record);
 
-/* The library may be stopped during the callback: the block is then in no account any more. */
+/* The library may be stopped during the callback, and started again: the block is then in no
+ * account any more. */
 struct NOTIFY_RELEASE {
-    int32_t ModId; /* that the block was charged to */
+    uint32_t ModStart; /* the account that the block was charged to */
 
     void operator()(OV_RTC_MONITOR_NOTIFY *Notify) const
     {
-        if (ModId == g_LibrtcModID) {
+        if (ModStart == g_LibrtcModStart && g_LibrtcModID != -1) {
             OV_LibrtcMemFree(Notify);
         } else {
             _OV_MemFreeDisowned(Notify);

@@ -12,6 +12,7 @@ static constexpr const char *MODULE_NAME = "LIBRTC";
 static constexpr BOOL gs_RTCSocketConfig = TRUE;
 
 std::atomic<int32_t> g_LibrtcModID = -1;
+std::atomic<uint32_t> g_LibrtcModStart;
 
 int32_t OV_RTCisSocketConfig(void)
 {
@@ -26,6 +27,7 @@ OV_ERR_T OV_LibrtcMemModuleRegister(void)
         return ModId;
     }
     g_LibrtcModID = ModId;
+    g_LibrtcModStart++;
     return 0;
 }
 

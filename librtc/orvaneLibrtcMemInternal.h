@@ -10,6 +10,9 @@
  * read by the threads that deliver events. */
 extern std::atomic<int32_t> g_LibrtcModID;
 
+/* Counts the registrations: the same id may come again, and it is not the same account. */
+extern std::atomic<uint32_t> g_LibrtcModStart;
+
 static inline void *OV_LibrtcMemAlloc(const size_t Size)
 {
     return OV_MemAlloc(g_LibrtcModID, Size, 0);

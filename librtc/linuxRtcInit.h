@@ -1,0 +1,40 @@
+/*
+ * Start and stop of the library in a process.
+ *
+ * The base is counted: the first start registers the library's memory module and connects to the
+ * dispatch and to the configuration service, the stop that takes the count to 0 undoes it. The full
+ * start has the base and, not counted, the flexible messages, the bypass switched off, the fixed
+ * order of the policy rules, and the monitors. A process starts fully once and stops fully once; a
+ * library inside it that only needs the services may start and stop the base beside that.
+ *
+ * Open the agent log first: starts and stops write to it. Start from one thread and before others
+ * use the library. Base starts and stops may then come from several threads, one after the other,
+ * but not from a callback or a dispatch handler: a stop waits for those.
+ */
+#ifndef LINUX_RTC_INIT_H
+#define LINUX_RTC_INIT_H
+
+#include "orvaneTypes.h"
+
+OV_PUBLIC_BEGIN
+
+/* Starts everything. Beware: whatever board is detected, its bypass is switched off. Returns 0, or
+ * the negative errno value of the step that failed (-ECONNREFUSED: a service does not run; -EBADE:
+ * the monitors run already). What was started before that step stays, so call OV_RTCExit also after
+ * a failure. LogFile is not used. */
+OV_ERR_T OV_RTCInit(const char *LogFile);
+
+/* Stops everything: the base (by one), the flexible messages, the monitors. Waits for a callback
+ * and a dispatch handler that run. */
+void OV_RTCExit(void);
+
+/* Starts the base, or counts. Returns 0, or the negative errno value of what failed: nothing is
+ * then left started. LogFile is not used. */
+OV_ERR_T OV_RTCBaseInit(const char *LogFile);
+
+/* Takes one off the count and stops the base at 0; a stop too many only logs. */
+void OV_RTCBaseExit(void);
+
+OV_PUBLIC_END
+
+#endif
