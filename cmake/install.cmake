@@ -1,5 +1,5 @@
 # What `cmake --install` puts in place: the library in both forms, its headers (flat), the files by
-# which pkg-config and CMake find it, the tool and its manual page.
+# which pkg-config and CMake find it, the tool with its manual page and bash's completion.
 include(CMakePackageConfigHelpers)
 
 set_target_properties(rtc PROPERTIES EXPORT_NAME rtc)
@@ -26,3 +26,5 @@ install(EXPORT librtcTargets NAMESPACE librtc:: DESTINATION ${RTC_CMAKE_DIRECTOR
 
 configure_file(docs/bypass_cmd.8.in bypass_cmd.8 @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/bypass_cmd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES packaging/bypass_cmd.bash RENAME bypass_cmd
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
