@@ -1,5 +1,5 @@
 # What `cmake --install` puts in place: the library in both forms, its headers (flat), the files by
-# which pkg-config and CMake find it, the tool with its manual page and bash's completion.
+# which pkg-config and CMake find it, the tool with bash's completion, the manual pages.
 include(CMakePackageConfigHelpers)
 
 set_target_properties(rtc PROPERTIES EXPORT_NAME rtc)
@@ -28,3 +28,9 @@ configure_file(docs/bypass_cmd.8.in bypass_cmd.8 @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/bypass_cmd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES packaging/bypass_cmd.bash RENAME bypass_cmd
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+configure_file(docs/librtc.3.in librtc.3 @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/librtc.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
+
+# Not installed: the API reference that `./dev docs` makes of the same headers.
+list(JOIN RTC_PUBLIC_HEADERS " " RTC_DOCS_INPUT)
+configure_file(docs/Doxyfile.in Doxyfile @ONLY)

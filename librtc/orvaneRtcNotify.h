@@ -1,8 +1,8 @@
 /*
  * The records of the events that the monitors hand to callbacks.
  *
- *   OV_RTC_MONITOR_NOTIFY   | Type | one record, by Type                | its text or data, if any
- * | 0      8                                12304
+ *   OV_RTC_MONITOR_NOTIFY   | Type | one record, by Type | its text or data, if any
+ *                           0      8                     12304
  *
  * Where an event carries text or data behind its fixed fields (a URL, a data-path report, a cluster
  * message), that follows the fields at once and may reach beyond the union. Type tells which member

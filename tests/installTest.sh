@@ -16,7 +16,7 @@ fail() {
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
 lib=$(dirname "$(find "$prefix" -name librtc.a)")
-for file in sbin/bypass_cmd share/man/man8/bypass_cmd.8; do
+for file in sbin/bypass_cmd share/man/man8/bypass_cmd.8 share/man/man3/librtc.3; do
     [ -s "$prefix/$file" ] || fail "$file is not installed"
 done
 [ "$("$prefix/sbin/bypass_cmd" -h | head -1)" = usage: ] || fail "the installed tool"
@@ -29,6 +29,7 @@ for header in "$prefix"/include/librtc/*.h; do
         $compiler -Wall -Wextra -Werror -fsyntax-only -I"$prefix/include" "$work/alone.c" ||
             fail "$name alone ($compiler)"
     done
+    grep -qF "$name" "$prefix/share/man/man3/librtc.3" || fail "$name is not in librtc(3)"
     [ "$name" = orvaneLibrtc.h ] || [ "$name" = orvanePlatformRcu.h ] ||
         grep -q "\"$name\"" "$prefix/include/librtc/orvaneLibrtc.h" || fail "$name: no umbrella"
 done
