@@ -1,5 +1,6 @@
-/* A peer on 127.0.0.1: each connection is served by a function of the test's on a thread of its
- * own, which speaks the frame and misbehaves as the test wants. */
+/* A peer on 127.0.0.1, for the simulated services and for tests: each connection is served by the
+ * caller's function on a thread of its own, which speaks the frame, or misbehaves as a test wants.
+ */
 #ifndef LOOPBACK_SERVER_H
 #define LOOPBACK_SERVER_H
 
@@ -37,7 +38,7 @@ class LOOPBACK_SERVER {
     std::thread Acceptor;
 };
 
-/* A socket that listens there; Backlog as for listen. */
+/* A socket that listens there; Backlog as for listen. The process ends when the port is taken. */
 int ListenOnLoopback(uint16_t Port, int Backlog);
 
 /* Exactly Size bytes; shorter when the peer is gone. */

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -21,8 +23,8 @@ int ListenOnLoopback(uint16_t Port, int Backlog)
     setsockopt(Socket, SOL_SOCKET, SO_REUSEADDR, &One, sizeof(One));
     if (bind(Socket, reinterpret_cast<const struct sockaddr *>(&Address), sizeof(Address)) != 0 ||
         listen(Socket, Backlog) != 0) {
-        perror("loopback server");
-        abort();
+        fprintf(stderr, "port %u of 127.0.0.1: %s\n", static_cast<unsigned>(Port), strerror(errno));
+        exit(1);
     }
     return Socket;
 }
