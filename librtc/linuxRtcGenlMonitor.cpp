@@ -19,6 +19,7 @@
 #include <netlink/netlink.h>
 #include <netlink/socket.h>
 #include <new>
+#include <semaphore.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/epoll.h>
@@ -91,6 +92,9 @@ static bool s_IsRouteSockLost;  /* so the check thread has to make gs_NlSock */
 static unsigned s_FailureCount; /* of receiving, one after the other */
 static pthread_t gs_MonitorThreadId;
 static pthread_t gs_CheckThreadId; /* 0: none. A thread that is in neither has been stopped. */
+
+/* Posted by the monitor thread when it listens, or cannot: what changes after a start is told. */
+static sem_t s_HasBegun;
 
 /* The threads in their waits, which a stop sees out before it closes what they wait on. */
 static GATE s_Waiters(true);
@@ -565,10 +569,9 @@ static void *_RTCMonitorThread(void *)
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); /* but in _Wait */
     const MUTEX_SCOPE Work(s_WorkLock);
 
-    if (!_IsThread(gs_MonitorThreadId)) {
-        return nullptr; /* stopped before it began */
-    }
-    if (_StartListening()) {
+    const bool IsListening = _StartListening();
+    sem_post(&s_HasBegun);
+    if (IsListening) {
         while (_IsThread(gs_MonitorThreadId) && gs_MonitorEnable > 0) {
             if (_RebuildRouteSock()) {
                 _WaitForEvent();
@@ -759,10 +762,16 @@ static OV_ERR_T _StartMonitor()
         OV_LOG_ERROR("OV_RTCRouteInit failed(ret = %d).", Error);
         return Error;
     }
-    const MUTEX_SCOPE Work(s_WorkLock); /* the threads wait until both have their places */
-    nl_socket_free(std::exchange(s_ParentsSock, nullptr));
-    _StartThread(&gs_MonitorThreadId, _RTCMonitorThread);
-    _StartThread(&gs_CheckThreadId, _RTCMonitorCheckThread);
+    sem_init(&s_HasBegun, 0, 0);
+    {
+        const MUTEX_SCOPE Work(s_WorkLock); /* the threads wait until both have their places */
+        nl_socket_free(std::exchange(s_ParentsSock, nullptr));
+        _StartThread(&gs_MonitorThreadId, _RTCMonitorThread);
+        _StartThread(&gs_CheckThreadId, _RTCMonitorCheckThread);
+    }
+    if (gs_MonitorThreadId != 0) {
+        while (sem_wait(&s_HasBegun) != 0) {}
+    }
     return Error;
 }
 

@@ -20,8 +20,9 @@
 
 OV_PUBLIC_BEGIN
 
-/* Starts both threads: 0, or -EEXIST when it runs already. What fails in the threads is logged
- * only. A forked child has a monitor without threads: it may stop it, and start its own. */
+/* Starts both threads: 0, or -EEXIST when it runs already. Changes from then on are heard, and told
+ * to who has registered when their turn comes. What fails in the threads is logged only. A forked
+ * child has a monitor without threads: it may stop it, and start its own. */
 int OV_RTCGenlMonitorInit(void);
 
 /* Stops both threads and drops all callbacks. It waits for a callback that runs: no lock that a

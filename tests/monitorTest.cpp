@@ -253,6 +253,24 @@ class MonitorTest : public testing::Test {
     }
 };
 
+TEST_F(MonitorTest, WhatChangesAfterTheStartIsTold)
+{
+    OV_RTC_ROUTE_CONF Route = {};
+
+    Route.TargetIp = {{0x07000000}, OV_IN_ADDR_TYPE_IPV4, 8};
+    Route.NexthopNum = 1;
+    strcpy(Route.IfName[0], "v0");
+    for (int Round = 0; Round < 20; Round++) {
+        ASSERT_EQ(OV_RTCGenlMonitorInit(), 0);
+        ASSERT_EQ(OV_RTCGenlMonitorRegCallback(Keep), 0);
+        ASSERT_EQ(OV_RTCRouteAdd(&Route), 0);
+        EXPECT_TRUE(WaitUntil(
+            [] { return Saw("add 7.0.0.0/8 via '' dev 'v0' table 254 proto 3 metric 0"); }, 2));
+        ASSERT_EQ(OV_RTCRouteDel(&Route), 0);
+        OV_RTCGenlMonitorUninit();
+    }
+}
+
 TEST_F(MonitorTest, Links)
 {
     /* All links are told at the start, when somebody listens by then; 65536 has 17 bits. */
