@@ -1,11 +1,8 @@
-/* Routes, rules and events, against libnl by hand, ip and bare sockets. Runs inside
- * simulator/sandbox.sh, on a network of its own. */
+/* Routes, rules and events, against libnl by hand, ip and bare sockets; and a full start. Runs
+ * inside simulator/sandbox.sh, on a network of its own. */
 #include "benchmark.h"
-#include "linuxRtcGenlMonitor.h"
-#include "orvaneLibrtcLog.h"
-#include "orvaneRtcIpRule.h"
-#include "orvaneRtcRoute.h"
-#include "orvaneSafeStr.h"
+#include "loopbackServer.h"
+#include "orvaneLibrtc.h"
 
 #include <arpa/inet.h>
 #include <atomic>
@@ -502,6 +499,56 @@ static void BenchEventLatency()
     OV_RTCGenlMonitorUninit();
 }
 
+/* The steps of a full start and stop, in their order. */
+static constexpr struct {
+    const char *Name;
+    void (*Do)();
+} START_STEPS[] = {
+    {"messages", [] { OV_FlexMsgInit(); }},
+    {"memory", [] { OV_LibrtcMemModuleRegister(); }},
+    {"dispatch", [] { OV_DispatchClientInit(); }},
+    {"configuration", [] { OV_ImcConfClientInit(); }},
+    {"no bypass", [] { OV_RTCBypass(0); }},
+    {"rules", OV_RTCNetIpRuleOrderInit},
+    {"monitors", [] { OV_RTCMonitorInit(); }},
+    {"end of base", [] { OV_DispatchClientExit(), OV_ImcConfClientRelease(); }},
+    {"of memory", [] { OV_LibrtcMemModuleUnregister(), OV_FlexMsgRelease(); }},
+    {"of monitors", [] { OV_RTCMonitorUninit(); }},
+};
+
+/* Against the command that its look for the board takes, on a board that has no bypass. */
+static void BenchStart()
+{
+    static constexpr int ROUNDS = 21;
+    const auto Serve = [](int Socket) { ReceiveBytes(Socket, 1); };
+    const LOOPBACK_SERVER Requests(54321, Serve);
+    const LOOPBACK_SERVER Notifications(54322, Serve);
+    const LOOPBACK_SERVER Configuration(55435, Serve);
+    std::vector<double> Times[std::size(START_STEPS)];
+
+    for (int Round = 0; Round < ROUNDS; Round++) {
+        for (size_t Step = 0; Step < std::size(START_STEPS); Step++) {
+            const double Start = Seconds();
+            START_STEPS[Step].Do();
+            Times[Step].push_back(Seconds() - Start);
+        }
+    }
+    Row(
+        "OV_RTCInit + OV_RTCExit / dmidecode by popen", 1, ROUNDS, 2,
+        [](int) {
+            if (OV_RTCInit(nullptr) != 0) {
+                abort();
+            }
+            OV_RTCExit();
+        },
+        [](int) { pclose(popen("dmidecode -s baseboard-product-name 2>&1", "re")); });
+    printf("  its steps in us:");
+    for (size_t Step = 0; Step < std::size(START_STEPS); Step++) {
+        printf(" %s %.0f%s", START_STEPS[Step].Name, Median(Times[Step]) * 1e6,
+               Step + 1 < std::size(START_STEPS) ? "," : "\n");
+    }
+}
+
 int main()
 {
     Begin();
@@ -526,5 +573,6 @@ int main()
         BenchRoutes(BackEnd, Target);
         BenchRules(BackEnd, Target);
     }
+    BenchStart();
     return 0;
 }
