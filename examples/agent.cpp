@@ -14,13 +14,11 @@
 #include "orvaneLibrtc.h"
 
 #include <errno.h>
-#include <fstream>
 #include <net/if.h>
 #include <semaphore.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
-#include <string>
 #include <unistd.h>
 
 static constexpr const char *LOG_PATH = "/tmp/agent.log";
@@ -33,6 +31,8 @@ static constexpr uint8_t DISPATCH_MODULE = OV_DISPATCH_MOD_OVCONN;
 static constexpr uint16_t DISPATCH_TYPE = 1;
 static constexpr uint8_t ITEM_MODULE = 1;
 static constexpr uint16_t ITEM_OPERATION = 1;
+
+static constexpr int ENDING_SIGNALS[] = {SIGTERM, SIGINT, SIGALRM};
 
 static sem_t s_End; /* posted by a signal */
 static bool s_HasFailed;
@@ -49,28 +49,36 @@ static bool Report(const char *What, OV_ERR_T Result)
     return false;
 }
 
-/* A link's event tells only that something changed. */
-static std::string LinkState(const std::string &Name)
+/* A link's event tells only that something changed. State has room for any word of the kernel's. */
+static const char *LinkState(const char *Name, char (&State)[32])
 {
-    std::string State = "gone";
+    char Path[64];
 
-    std::ifstream("/sys/class/net/" + Name + "/operstate") >> State;
+    snprintf(Path, sizeof(Path), "/sys/class/net/%s/operstate", Name);
+    FILE *File = fopen(Path, "re");
+    if (File == nullptr || fscanf(File, "%31s", State) != 1) {
+        OV_SafeStrCopy(State, sizeof(State), "gone");
+    }
+    if (File != nullptr) {
+        fclose(File);
+    }
     return State;
 }
 
-/* Comes on two threads, the kernel's events on one and the services' on the other. The record is
- * gone when this returns, and the next event waits until then: an agent with more to do copies it
- * for a thread of its own. */
-static int OnEvent(OV_RTC_MONITOR_NOTIFY *Notify)
+/* Comes on two threads, the kernel's events on one and the services' on the other, and no exception
+ * may leave it. The record is gone when this returns, and the next event waits until then: an agent
+ * with more to do copies it for a thread of its own. */
+static int OnEvent(OV_RTC_MONITOR_NOTIFY *Notify) noexcept
 {
     const OV_KERNEL_ROUTE_NOTIFY &Route = Notify->RouteNotify;
     const OV_NETIO_STATE_NOTIFY &Netio = Notify->NetioNotify;
     const OV_PEER_HOST_NOTIFY &Peer = Notify->PeerHostReachableNotify;
+    char State[32];
 
     switch (Notify->Type) {
     case MONITOR_LINK:
         printf("agent: event: link %s %s\n", Notify->LinkNotify.IfName,
-               LinkState(Notify->LinkNotify.IfName).c_str());
+               LinkState(Notify->LinkNotify.IfName, State));
         break;
     case MONITOR_ROUTE:
         printf("agent: event: route %s %s/%u dev %s table %u\n",
@@ -93,24 +101,13 @@ static int OnEvent(OV_RTC_MONITOR_NOTIFY *Notify)
     return 0;
 }
 
-static OV_CONF_IP_MASK Ip4Prefix(const char *Text)
+/* Prefix must be clear: also what the address leaves unused is read. A text that is none must not
+ * go on as 0.0.0.0, which is everything. */
+static bool ReadIp4Prefix(const char *Text, OV_CONF_IP_MASK *Prefix)
 {
-    OV_CONF_IP_MASK Prefix = {}; /* clear: also what the address leaves unused is read */
-
-    Prefix.IpType = OV_IN_ADDR_TYPE_IPV4;
-    OV_SafeStrGetIp4AddrMask(Text, strlen(Text), &Prefix.Ip, &Prefix.Mask);
-    return Prefix;
-}
-
-static OV_RTC_ROUTE_CONF RouteThrough(const char *Interface)
-{
-    OV_RTC_ROUTE_CONF Route = {};
-
-    Route.TableId = TABLE;
-    Route.TargetIp = Ip4Prefix(DESTINATION);
-    Route.NexthopNum = 1;
-    OV_SafeStrCopy(Route.IfName[0], sizeof(Route.IfName[0]), Interface);
-    return Route;
+    Prefix->IpType = OV_IN_ADDR_TYPE_IPV4;
+    return OV_SafeStrGetIp4AddrMask(Text, strlen(Text), &Prefix->Ip, &Prefix->Mask) != nullptr &&
+           Prefix->Ip != 0;
 }
 
 static OV_ERR_T SetMtu(const char *Interface)
@@ -136,6 +133,8 @@ static OV_ERR_T AskDispatch()
     OV_ERR_T Result = OV_DispatchConfigure(Desc);
     if (Result == 0) {
         Result = OV_DispatchGetRetCode(Desc);
+    }
+    if (Result >= 0) {
         printf("agent: dispatch replied \"%s\"\n", /* a NUL is always behind the payload */
                static_cast<const char *>(OV_DispatchPayload(Desc)) + sizeof(Result));
     }
@@ -153,29 +152,43 @@ static OV_ERR_T KeepItem(const char *Interface)
     OV_ERR_T Result = OV_ImcConfSet(ITEM_MODULE, ITEM_OPERATION, Item, strlen(Item));
     if (Result >= 0) {
         Result = OV_ImcConfGet(ITEM_MODULE, ITEM_OPERATION, nullptr, 0, Read, sizeof(Read) - 1);
+    }
+    if (Result >= 0) {
         printf("agent: the configuration service keeps \"%s\"\n", Read);
     }
     return Result;
 }
 
-/* Handlers, and no blocked signals: the programs that the library starts would inherit those. */
+/* Handlers, and no blocked or ignored signals: the programs that the library starts would inherit
+ * those. Output that nobody reads any more must not end the agent before it has taken its own away.
+ */
 static void CatchSignals()
 {
     struct sigaction Action = {};
 
     sem_init(&s_End, 0, 0);
     Action.sa_handler = [](int) { sem_post(&s_End); };
-    for (const int Signal : {SIGTERM, SIGINT, SIGALRM}) {
+    for (const int Signal : ENDING_SIGNALS) {
         sigaction(Signal, &Action, nullptr);
     }
+    Action.sa_handler = [](int) {};
+    sigaction(SIGPIPE, &Action, nullptr);
 }
 
 static void Work(const char *Interface, unsigned Seconds)
 {
-    const OV_RTC_ROUTE_CONF Route = RouteThrough(Interface);
-    const OV_RTC_IP_RULE_CONF Rule = {OV_IN_ADDR_TYPE_IPV4, PRIORITY, TABLE, Ip4Prefix(SOURCE)};
+    OV_RTC_ROUTE_CONF Route = {};
+    OV_RTC_IP_RULE_CONF Rule = {OV_IN_ADDR_TYPE_IPV4, PRIORITY, TABLE, {}};
 
-    Report("callback", OV_RTCMonitorRegCallback(OnEvent));
+    Route.TableId = TABLE;
+    Route.NexthopNum = 1;
+    OV_SafeStrCopy(Route.IfName[0], sizeof(Route.IfName[0]), Interface);
+    if (!ReadIp4Prefix(DESTINATION, &Route.TargetIp) || !ReadIp4Prefix(SOURCE, &Rule.SrcPrefix)) {
+        Report("addresses", -EINVAL);
+        return;
+    }
+    const int CallbackId = OV_RTCMonitorRegCallback(OnEvent);
+    Report("callback", CallbackId < 0 ? -EAGAIN : CallbackId);
     Report("request to the dispatch service", AskDispatch());
     Report("item of the configuration service", KeepItem(Interface));
     Report("MTU", SetMtu(Interface));
@@ -189,13 +202,18 @@ static void Work(const char *Interface, unsigned Seconds)
     Report("rule taken away", OV_RTCIpRuleDel(&Rule));
     Result = OV_RTCRouteDel(&Route); /* the kernel takes a route away with its interface */
     Report("route taken away", Result == -ENOENT ? 0 : Result);
+    OV_RTCMonitorUnregCallback(CallbackId);
 }
 
 int main(int argc, char *argv[])
 {
     uint32_t Seconds = 0;
+    const char *End = "";
 
-    if (argc < 2 || argc > 3 || (argc == 3 && OV_SafeStrGetU32(argv[2], 10, &Seconds) == nullptr)) {
+    if (argc == 3) {
+        End = OV_SafeStrGetU32(argv[2], 10, &Seconds);
+    }
+    if (argc < 2 || argc > 3 || End == nullptr || *End != '\0') {
         fputs("usage: agent INTERFACE [SECONDS]\n", stderr);
         return 2;
     }

@@ -11,12 +11,28 @@
 #include "orvaneRtcVersion.h"
 #include "orvaneScope.h"
 
+#include <errno.h>
 #include <string.h>
 
 /* How often the base was started and not yet stopped; under the lock, like each of its starts and
  * stops. */
 static uint16_t gs_RTCInitRef;
 static OV_MUTEX_T gs_RTCRefLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+
+/* The connections are the parent's: a forked child has no base. Another thread, which the child
+ * does not have, may have held the lock. */
+static void _ForgetBase()
+{
+    static constexpr OV_MUTEX_T FREE_MUTEX = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+
+    gs_RTCRefLock = FREE_MUTEX;
+    gs_RTCInitRef = 0;
+}
+
+static void _WatchForks()
+{
+    pthread_atfork(nullptr, nullptr, _ForgetBase);
+}
 
 /* How far a start of the base came. */
 struct BASE_STEPS {
@@ -67,33 +83,30 @@ static void _StopBase(const BASE_STEPS &Steps)
     }
 }
 
-static OV_ERR_T _CountOrStartBase(BASE_STEPS *Steps)
+OV_ERR_T OV_RTCBaseInit(const char *)
 {
+    static pthread_once_t IsWatching = PTHREAD_ONCE_INIT;
+    const CANCEL_SCOPE Whole;
     const MUTEX_SCOPE Lock(gs_RTCRefLock);
+    BASE_STEPS Steps = {};
 
+    pthread_once(&IsWatching, _WatchForks);
+    if (gs_RTCInitRef == UINT16_MAX) {
+        return -EOVERFLOW;
+    }
     if (gs_RTCInitRef != 0) {
         gs_RTCInitRef++;
         OV_LOG_WARN("librtc already init(%u)", gs_RTCInitRef);
         return 0;
     }
-    const OV_ERR_T Result = _StartBase(Steps);
-    if (Result == 0) {
-        gs_RTCInitRef = 1;
-        OV_LOG_INFO("librtc init(%u)", gs_RTCInitRef);
-    }
-    return Result;
-}
-
-OV_ERR_T OV_RTCBaseInit(const char *)
-{
-    const CANCEL_SCOPE Whole;
-    BASE_STEPS Steps = {};
-
-    const OV_ERR_T Result = _CountOrStartBase(&Steps);
+    const OV_ERR_T Result = _StartBase(&Steps);
     if (Result < 0) {
-        _StopBase(Steps);
+        _StopBase(Steps); /* before somebody else's start has what this one took */
+        return Result;
     }
-    return Result;
+    gs_RTCInitRef = 1;
+    OV_LOG_INFO("librtc init(%u)", gs_RTCInitRef);
+    return 0;
 }
 
 void OV_RTCBaseExit(void)

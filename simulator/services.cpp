@@ -8,8 +8,8 @@
  *
  * - dispatch (127.0.0.1:54321): every request is answered with the code 0 and its own payload.
  * - dispatch notifications (54322): what an agent pushes is shown; what the agents are to be told
- * is read from standard input, a line each: up INTERFACE, down INTERFACE       the state of an
- * interface of the data path reachable POP, unreachable POP     the state of a PoP, by its number
+ *   is read from standard input, a line each: "up INTERFACE" or "down INTERFACE", the state of an
+ *   interface of the data path; "reachable POP" or "unreachable POP", that of a PoP by its number.
  * - configuration (55435): a request with a payload sets the item of its module and operation, one
  *   without reads it (-ENOENT when it was never set). The items last as long as the process.
  *
@@ -39,7 +39,8 @@ static constexpr size_t SHOWN_MAX = 60;
 
 static std::mutex s_Lock;
 static std::set<int> s_Listeners; /* under s_Lock: notification connections */
-static std::map<std::pair<unsigned, unsigned>, std::string> s_Items; /* under s_Lock */
+static std::mutex s_ItemLock;
+static std::map<std::pair<unsigned, unsigned>, std::string> s_Items; /* under s_ItemLock */
 
 /* What somebody sent, as text of bounded length. */
 static std::string Shown(const std::string &Payload)
@@ -127,7 +128,7 @@ static void ServeListener(int Socket)
 /* The reply to a request for the item. */
 static std::string SetOrRead(const OV_IMC_REQ_HDR &Request, const std::string &Payload)
 {
-    const std::lock_guard Guard(s_Lock);
+    const std::lock_guard Guard(s_ItemLock);
     const auto Key = std::pair(unsigned{Request.Mod}, unsigned{Request.OpType});
     OV_IMC_REPLY_HDR Reply = {};
     std::string Value;

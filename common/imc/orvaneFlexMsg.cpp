@@ -1,8 +1,10 @@
 #include "orvaneFlexMsg.h"
 
 #include "orvaneMem.h"
+#include "orvaneScope.h"
 
 #include <algorithm>
+#include <atomic>
 #include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -13,12 +15,16 @@
 static constexpr const char *MODULE_NAME = "FlexMsg";
 static constexpr size_t INITIAL_SIZE = 4096;
 
-/* Both are written at the library's start and stop only. */
-static int32_t sg_FlexMsgMemId = -1; /* -1: not registered; every allocation then fails */
-static uint32_t sg_FlexMsgInitCount; /* initialisations not yet released */
+/* Both are written under the lock, at starts and stops only. */
+static std::atomic<int32_t> sg_FlexMsgMemId = -1; /* -1: not registered; allocations then fail */
+static uint32_t sg_FlexMsgInitCount;              /* initialisations not yet released */
+static OV_MUTEX_T s_FlexMsgLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 
 OV_ERR_T OV_FlexMsgInit(void)
 {
+    const CANCEL_SCOPE Whole;
+    const MUTEX_SCOPE Lock(s_FlexMsgLock);
+
     if (sg_FlexMsgMemId == -1) {
         const int32_t ModId = OV_MemModRegister(MODULE_NAME, strlen(MODULE_NAME));
 
@@ -34,6 +40,9 @@ OV_ERR_T OV_FlexMsgInit(void)
 
 void OV_FlexMsgRelease(void)
 {
+    const CANCEL_SCOPE Whole;
+    const MUTEX_SCOPE Lock(s_FlexMsgLock);
+
     if (sg_FlexMsgMemId == -1) {
         return;
     }

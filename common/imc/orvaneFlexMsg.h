@@ -27,8 +27,8 @@ typedef struct _OV_FLEXIBLE_MSG {
     char *FlexBuf;     /* aligned to 8; null once reallocated to 0 bytes */
 } OV_FLEXIBLE_MSG;
 
-/* For the library's start and stop only, on one thread: the count of starts has no lock. -ENOMEM,
- * not counted, when the module cannot be registered. A release too many does nothing. */
+/* For starts and stops, of this library or of who uses messages without it. -ENOMEM, not counted,
+ * when the module cannot be registered. A release too many does nothing. */
 OV_ERR_T OV_FlexMsgInit(void);
 void OV_FlexMsgRelease(void);
 

@@ -5,8 +5,10 @@
 
 #include <memory>
 #include <netinet/in.h>
+#include <new>
 #include <string.h>
 #include <syslog.h>
+#include <utility>
 
 static constexpr uint16_t SERVICE_PORT = 55435;
 
@@ -34,8 +36,27 @@ static OV_ERR_T _OV_ImcConfConnect()
     return OV_ImcConnect(INADDR_LOOPBACK, SERVICE_PORT, &sg_ImcConfSocket);
 }
 
+/* A forked child has no connection: it is its parent's, which must not lose it. The child may start
+ * anew; the messages' initialisation of before stays counted. */
+static void _ForgetParent()
+{
+    static constexpr OV_MUTEX_T FREE_MUTEX = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+
+    new (&sg_ImcConfGate) GATE(false);
+    sg_ImcConfLock = FREE_MUTEX;
+    OV_SocketClose(std::exchange(sg_ImcConfSocket, -1));
+}
+
+static void _WatchForks()
+{
+    pthread_atfork(nullptr, nullptr, _ForgetParent);
+}
+
 static OV_ERR_T _Start()
 {
+    static pthread_once_t IsWatching = PTHREAD_ONCE_INIT;
+
+    pthread_once(&IsWatching, _WatchForks);
     OV_MutexInit(&sg_ImcConfLock);
     OV_ERR_T Result = OV_FlexMsgInit();
     if (Result < 0) {

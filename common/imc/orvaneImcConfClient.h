@@ -20,7 +20,8 @@ OV_PUBLIC_BEGIN
 /* Connects, and initialises the flexible messages with it. 0; -EALREADY, with nothing changed, when
  * the client is initialised; else the negative code of what failed, -ECONNREFUSED when the service
  * does not run, with nothing left open. A service that takes no connections is waited for as long
- * as the system does (two minutes). Neither of the two is to be called by a reply handler. */
+ * as the system does (two minutes). Neither of the two is to be called by a reply handler. A forked
+ * child has no client, and may start one. */
 OV_ERR_T OV_ImcConfClientInit(void);
 
 /* Ends the exchanges in progress, with an error, waits for them and disconnects. Does nothing when

@@ -8,6 +8,7 @@
 #include "orvaneThread.h"
 
 #include <arpa/inet.h>
+#include <new>
 #include <stdlib.h>
 #include <utility>
 
@@ -305,8 +306,41 @@ static void _EndWaits()
     s_ConfigGate.WaitUntilEmpty();
 }
 
+/* A forked child has neither the thread nor whoever held the locks, and the connections are its
+ * parent's: its own descriptors of them are closed, without a word to the server, and it may start
+ * anew. The module's blocks of before stay charged. */
+static void _ForgetParent()
+{
+    static constexpr OV_MUTEX_T FREE_MUTEX = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+    static constexpr pthread_cond_t FREE_COND = PTHREAD_COND_INITIALIZER;
+
+    g_ConfigMutexLock = s_PushLock = s_StateLock = FREE_MUTEX;
+    s_ThreadEnded = FREE_COND;
+    new (&s_ConfigGate) GATE(true);
+    OV_SocketClose(std::exchange(g_DispatchConfigSock, -1));
+    s_ConfigAttempt = {-1, false};
+
+    _OV_DISPATCH_NOTIFY_ENTRY *Entry = std::exchange(g_DispatchNotify, nullptr);
+    if (Entry != nullptr) {
+        OV_SocketClose(std::exchange(Entry->Sock, -1));
+        for (; Entry->ReplacedCount > 0; Entry->ReplacedCount--) {
+            OV_SocketClose(Entry->Replaced[Entry->ReplacedCount - 1]);
+        }
+        Entry->IsAbandoned = true; /* for a handler that forked: the child is its thread */
+        Entry->Thread.IsStop = TRUE;
+    }
+}
+
+static void _WatchForks()
+{
+    pthread_atfork(nullptr, nullptr, _ForgetParent);
+}
+
 static OV_ERR_T _Register()
 {
+    static pthread_once_t IsWatching = PTHREAD_ONCE_INIT;
+
+    pthread_once(&IsWatching, _WatchForks);
     /* Exchanges may have passed before the first start: their lock and connection are made anew. */
     _EndWaits();
     _CloseConfig();

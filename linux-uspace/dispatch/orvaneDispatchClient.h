@@ -11,7 +11,8 @@
  *
  * Everything may be called from any thread; of two starts or stops at once, one is made. Nothing
  * here has a timeout: a server that neither answers nor goes away is waited for until the stop, and
- * a start waits for one that takes no connections as long as the system does (two minutes).
+ * a start waits for one that takes no connections as long as the system does (two minutes). A
+ * forked child has no client, and may start one.
  */
 #ifndef ORVANE_DISPATCH_CLIENT_H
 #define ORVANE_DISPATCH_CLIENT_H
