@@ -50,6 +50,7 @@ typedef struct _OV_LIST_HEAD {
     struct _OV_LIST_HEAD *prev;
 } OV_LIST_HEAD;
 
+/* Makes Head an empty list. */
 static inline void OV_InitListHead(OV_LIST_HEAD *Head)
 {
     Head->next = Head;

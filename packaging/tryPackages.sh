@@ -91,7 +91,7 @@ check() {
     local loads=no line
     line=$("$1") || fail "$1: status $?"
     [[ $line == "OV Librtc version: $version, git: $build, build: "* ]] || fail "$1: $line"
-    ! ldd "$1" 2>/dev/null | grep -q "librtc.so.5 => /" || loads=yes
+    [[ $(ldd "$1" 2>/dev/null) != *"librtc.so.5 => /"* ]] || loads=yes
     [ "$loads" = "$2" ] || fail "$1: loads librtc.so.5: $loads"
     echo "$1: $line"
 }
@@ -175,8 +175,9 @@ cache=$(realpath "$2")
 fresh=$cache/fresh
 if [ ! -d "$fresh" ]; then
     echo "making a fresh Debian 12 in $fresh"
-    rm -rf "$fresh.new"
-    debootstrap --variant=minbase bookworm "$fresh.new" >"$cache/debootstrap.log" 2>&1 ||
+    rm -rf --one-file-system "$fresh.new"
+    unshare --mount --propagation private \
+        debootstrap --variant=minbase bookworm "$fresh.new" >"$cache/debootstrap.log" 2>&1 ||
         fail "see $cache/debootstrap.log"
     mv "$fresh.new" "$fresh"
 fi

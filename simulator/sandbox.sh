@@ -28,8 +28,8 @@ if [ -z "${RTC_SANDBOX_ENTERED:-}" ]; then
     namespaces=(--mount --net --pid --fork --kill-child --mount-proc --propagation private)
     [ "$(id -u)" -eq 0 ] || namespaces+=(--user --map-root-user)
     if ! unshare "${namespaces[@]}" true 2>/dev/null; then
-        cannot "no private namespaces here (as root, or with user namespaces allowed, and not in" \
-            "a plain chroot, there are)"
+        cannot "no private namespaces here: it needs root or user namespaces, and does not work" \
+            "in a plain chroot"
     fi
     # unshare itself lets no signal end it but the one that comes when this shell is gone.
     status=0

@@ -43,7 +43,7 @@ sed -e 's,/\*.*\*/,,' -e '/\/\*/,/\*\//d' -e '/^#/d' "$prefix"/include/librtc/*.
     grep -vE 'OV_PRINTF_LIKE|OV_PUBLIC|OV_LOG_SITE|OV_EXTERN|OV_ASSERT_AT|OV_RCU' | sed -E 's/extern int //; s/ ?\(//' |
     sort -u >"$work/declared"
 diff "$work/declared" "$work/exported" || fail "declared (<) and exported (>) differ"
-readelf -d "$lib/librtc.so" | grep -q 'soname: \[librtc.so.5\]' || fail "soname"
+[[ $(readelf -d "$lib/librtc.so") == *"soname: [librtc.so.5]"* ]] || fail "soname"
 readelf -d "$prefix/sbin/bypass_cmd" | grep NEEDED | grep -vqE 'libc\.so|ld-linux' &&
     fail "bypass_cmd loads more than libc and its loader"
 
@@ -70,8 +70,13 @@ export PKG_CONFIG_PATH=$lib/pkgconfig
 [ "$(pkg-config --modversion librtc)" = 5.0.0.64 ] || fail "version"
 read -ra flags <<<"$(pkg-config --cflags --libs librtc)"
 "$cc" -std=c11 -Wall -Wextra -Werror "$work/user.c" "${flags[@]}" -o "$work/shared"
-LD_LIBRARY_PATH=$lib "$work/shared" | grep -q ']1 hello' || fail "the shared library"
-"$cxx" -std=c++20 "$(dirname "$0")/../examples/feeddog.cpp" "${flags[@]}" -o "$work/feeddog"
+[[ $(LD_LIBRARY_PATH=$lib "$work/shared") == *"]1 hello"* ]] || fail "the shared library"
+for example in "$(dirname "$0")"/../examples/*.cpp; do
+    "$cxx" -std=c++20 "$example" "${flags[@]}" -o "$work/example"
+done
+sed -n '/example$/,/end of the example$/p' "$prefix/share/man/man3/librtc.3" |
+    sed -e '/^\./d' -e 's/\\-/-/g' -e 's/\\e/\\/g' >"$work/page.c"
+"$cc" -std=c11 -Wall -Wextra -Werror "$work/page.c" "${flags[@]}" -o "$work/example"
 
 cat >"$work/open.c" <<'EOF'
 #include <dlfcn.h>
@@ -101,6 +106,6 @@ cmake -G Ninja -S "$work/user" -B "$work/user/build" -DCMAKE_CXX_COMPILER="$cxx"
     -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/user/build" >/dev/null
 for form in rtc rtc-static; do
-    "$work/user/build/user-$form" | grep -q ']1 hello' || fail "the CMake target $form"
+    [[ $("$work/user/build/user-$form") == *"]1 hello"* ]] || fail "the CMake target $form"
 done
 echo "installed, and used three ways"

@@ -48,6 +48,7 @@ int32_t OV_MemModRegister(const char *ModName, size_t NameLen);
  * are reported to the system log (warning). An id that is not registered is left alone. */
 void OV_MemModUnRegister(int32_t ModId);
 
+/* TRUE for an id that is in use. */
 BOOL OV_MemIsModRegistered(int32_t ModId);
 
 /* The Mem account. Size in bytes without overhead. Null for an unregistered module and for want of

@@ -31,6 +31,7 @@ static inline OV_ERR_T OV_Open(OV_FILE *FileIndexPtr, const char *PathName, int 
     return ovErr;
 }
 
+/* close: 0, or a negative errno value; the descriptor is gone in both cases. */
 static inline OV_ERR_T OV_Close(OV_FILE FileIndex)
 {
     const OV_ERR_T ovErr = OV_PlatformResult(close(FileIndex));
@@ -45,6 +46,7 @@ static inline OV_LEN_ERR_T OV_Write(OV_FILE FileIndex, const void *Buff, size_t 
     return OV_PlatformResult(write(FileIndex, Buff, Count));
 }
 
+/* The bytes read; 0 at the end of the file. */
 static inline OV_LEN_ERR_T OV_Read(OV_FILE FileIndex, void *Buff, size_t Count)
 {
     return OV_PlatformResult(read(FileIndex, Buff, Count));

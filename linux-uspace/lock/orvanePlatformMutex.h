@@ -34,16 +34,19 @@ static inline void OV_MutexInit(OV_MUTEX_T *Mutex)
     OV_MUTEX_ASSERT(pthread_mutexattr_destroy(&Attr));
 }
 
+/* Waits until the mutex is free or the caller has it already. */
 static inline void OV_MutexLock(OV_MUTEX_T *Mutex)
 {
     OV_MUTEX_ASSERT(pthread_mutex_lock(Mutex));
 }
 
+/* Undoes one OV_MutexLock of the caller. */
 static inline void OV_MutexUnlock(OV_MUTEX_T *Mutex)
 {
     OV_MUTEX_ASSERT(pthread_mutex_unlock(Mutex));
 }
 
+/* The mutex must be free. */
 static inline void OV_MutexDestroy(OV_MUTEX_T *Mutex)
 {
     OV_MUTEX_ASSERT(pthread_mutex_destroy(Mutex));

@@ -45,6 +45,7 @@ static inline void OV_RcuRegisterThread(void)
     urcu_memb_register_thread();
 }
 
+/* Before the thread ends. */
 static inline void OV_RcuUnregisterThread(void)
 {
     urcu_memb_unregister_thread();
@@ -56,6 +57,7 @@ static inline void OV_RcuReadLock(void)
     OV_RCU_READ_LOCK();
 }
 
+/* Ends a read section. */
 static inline void OV_RcuReadUnlock(void)
 {
     OV_RCU_RELEASE();

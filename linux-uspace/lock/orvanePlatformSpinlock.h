@@ -35,21 +35,25 @@ static inline void OV_SpinlockInit(OV_SPINLOCK_T *Lock)
     OV_SPINLOCK_ASSERT(pthread_spin_init(Lock, PTHREAD_PROCESS_PRIVATE));
 }
 
+/* Spins until the lock is free. Not recursive. */
 static inline void OV_SpinLock(OV_SPINLOCK_T *Lock)
 {
     OV_SPINLOCK_ASSERT(pthread_spin_lock(Lock));
 }
 
+/* Gives the lock back. */
 static inline void OV_SpinUnlock(OV_SPINLOCK_T *Lock)
 {
     OV_SPINLOCK_ASSERT(pthread_spin_unlock(Lock));
 }
 
+/* As OV_SpinLock: there are no bottom halves in user space. */
 static inline void OV_SpinLock_BH(OV_SPINLOCK_T *Lock)
 {
     OV_SpinLock(Lock);
 }
 
+/* As OV_SpinUnlock. */
 static inline void OV_SpinUnlock_BH(OV_SPINLOCK_T *Lock)
 {
     OV_SpinUnlock(Lock);

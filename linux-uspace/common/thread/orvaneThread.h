@@ -52,6 +52,7 @@ static inline OV_ERR_T OV_PlatformThreadRun(OV_THREAD_T *Thread, const pthread_a
     return 0;
 }
 
+/* OV_PlatformThreadRun, under the name for all platforms. */
 static inline OV_ERR_T OV_ThreadRun(OV_THREAD_T *Thread, const pthread_attr_t *Attr,
                                     void *(*Func)(void *), void *Arg, const char *Name)
 {
