@@ -229,7 +229,7 @@ TEST_F(Init, AFailedStartIsUndone)
     Conf.reset();
     EXPECT_EQ(OV_RTCBaseInit(nullptr), -ECONNREFUSED);
     EXPECT_EQ(Told(), VERSION + "WARN failed to OV_ImcConfClientInit: Connection refused\n");
-    EXPECT_GE(Requests->Connections(), 1U);
+    EXPECT_TRUE(WaitUntil([&] { return Requests->Connections() == 1; }));
     ExpectNothingOpen();
     Requests.reset();
     Notifications.reset();
