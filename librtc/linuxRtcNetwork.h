@@ -82,7 +82,7 @@ int32_t OV_RTCBridgeDel(const char *BrIfName);
  * up, and puts it in the bridge. */
 int32_t OV_RTCBridgePortAdd(const char *BrIfName, const char *PortIfName);
 
-/* Takes a port out of the bridge; it stays up, without an address. */
+/* Takes a port out of the bridge; the addresses that it had before do not come back. */
 int32_t OV_RTCBridgePortDel(const char *BrIfName, const char *PortIfName);
 
 /* Takes all ports off, or none when their names, each with a blank, need 512 characters or more.
