@@ -1,6 +1,7 @@
 #include "linuxRtcGenlMonitorInternal.h"
 
 #include "linuxRtcNotifyInternal.h"
+#include "orvaneForkInternal.h"
 #include "orvaneGateInternal.h"
 #include "orvaneLibrtcLog.h"
 #include "orvaneRtcLibnlInternal.h"
@@ -728,7 +729,6 @@ static void _StartThread(pthread_t *Thread, void *(*Body)(void *))
  */
 static void _ForgetThreads()
 {
-    static constexpr OV_MUTEX_T FREE_MUTEX = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
     static constexpr pthread_rwlock_t FREE_RWLOCK = PTHREAD_RWLOCK_INITIALIZER;
 
     s_ControlLock = s_WorkLock = s_SendLock = FREE_MUTEX;
@@ -741,21 +741,15 @@ static void _ForgetThreads()
     }
 }
 
-static void _WatchForks()
-{
-    pthread_atfork(nullptr, nullptr, _ForgetThreads);
-}
-
 static OV_ERR_T _StartMonitor()
 {
-    static pthread_once_t IsWatching = PTHREAD_ONCE_INIT;
     const CANCEL_SCOPE Whole;
     const MUTEX_SCOPE Control(s_ControlLock);
 
     if (gs_MonitorEnable >= 1) {
         return -EEXIST;
     }
-    pthread_once(&IsWatching, _WatchForks);
+    WatchForks<_ForgetThreads>();
     gs_MonitorEnable = 1;
     const OV_ERR_T Error = OV_RTCRouteInit();
     if (Error < 0) { /* the stop is still due, and the next start refused until then */

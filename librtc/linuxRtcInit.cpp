@@ -5,6 +5,7 @@
 #include "linuxRtcNetwork.h"
 #include "orvaneDispatchClient.h"
 #include "orvaneFlexMsg.h"
+#include "orvaneForkInternal.h"
 #include "orvaneImcConfClient.h"
 #include "orvaneLibrtcLog.h"
 #include "orvaneLibrtcMem.h"
@@ -23,15 +24,8 @@ static OV_MUTEX_T gs_RTCRefLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
  * does not have, may have held the lock. */
 static void _ForgetBase()
 {
-    static constexpr OV_MUTEX_T FREE_MUTEX = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
-
     gs_RTCRefLock = FREE_MUTEX;
     gs_RTCInitRef = 0;
-}
-
-static void _WatchForks()
-{
-    pthread_atfork(nullptr, nullptr, _ForgetBase);
 }
 
 /* How far a start of the base came. */
@@ -85,12 +79,11 @@ static void _StopBase(const BASE_STEPS &Steps)
 
 OV_ERR_T OV_RTCBaseInit(const char *)
 {
-    static pthread_once_t IsWatching = PTHREAD_ONCE_INIT;
     const CANCEL_SCOPE Whole;
     const MUTEX_SCOPE Lock(gs_RTCRefLock);
     BASE_STEPS Steps = {};
 
-    pthread_once(&IsWatching, _WatchForks);
+    WatchForks<_ForgetBase>();
     if (gs_RTCInitRef == UINT16_MAX) {
         return -EOVERFLOW;
     }

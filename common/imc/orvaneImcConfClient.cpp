@@ -1,5 +1,6 @@
 #include "orvaneImcConfClient.h"
 
+#include "orvaneForkInternal.h"
 #include "orvaneGateInternal.h"
 #include "orvaneScope.h"
 
@@ -40,23 +41,14 @@ static OV_ERR_T _OV_ImcConfConnect()
  * anew; the messages' initialisation of before stays counted. */
 static void _ForgetParent()
 {
-    static constexpr OV_MUTEX_T FREE_MUTEX = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
-
     new (&sg_ImcConfGate) GATE(false);
     sg_ImcConfLock = FREE_MUTEX;
     OV_SocketClose(std::exchange(sg_ImcConfSocket, -1));
 }
 
-static void _WatchForks()
-{
-    pthread_atfork(nullptr, nullptr, _ForgetParent);
-}
-
 static OV_ERR_T _Start()
 {
-    static pthread_once_t IsWatching = PTHREAD_ONCE_INIT;
-
-    pthread_once(&IsWatching, _WatchForks);
+    WatchForks<_ForgetParent>();
     OV_MutexInit(&sg_ImcConfLock);
     OV_ERR_T Result = OV_FlexMsgInit();
     if (Result < 0) {

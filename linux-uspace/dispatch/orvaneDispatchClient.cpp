@@ -1,6 +1,7 @@
 #include "orvaneDispatchClient.h"
 
 #include "orvaneDispatchInternal.h"
+#include "orvaneForkInternal.h"
 #include "orvaneGateInternal.h"
 #include "orvaneMemInternal.h"
 #include "orvaneScope.h"
@@ -311,7 +312,6 @@ static void _EndWaits()
  * anew. The module's blocks of before stay charged. */
 static void _ForgetParent()
 {
-    static constexpr OV_MUTEX_T FREE_MUTEX = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
     static constexpr pthread_cond_t FREE_COND = PTHREAD_COND_INITIALIZER;
 
     g_ConfigMutexLock = s_PushLock = s_StateLock = FREE_MUTEX;
@@ -331,16 +331,9 @@ static void _ForgetParent()
     }
 }
 
-static void _WatchForks()
-{
-    pthread_atfork(nullptr, nullptr, _ForgetParent);
-}
-
 static OV_ERR_T _Register()
 {
-    static pthread_once_t IsWatching = PTHREAD_ONCE_INIT;
-
-    pthread_once(&IsWatching, _WatchForks);
+    WatchForks<_ForgetParent>();
     /* Exchanges may have passed before the first start: their lock and connection are made anew. */
     _EndWaits();
     _CloseConfig();
