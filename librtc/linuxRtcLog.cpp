@@ -1,6 +1,7 @@
 #include "orvaneLibrtcLog.h"
 
 #include "linuxRtc.h"
+#include "orvaneForkInternal.h"
 #include "orvaneLogFile.h"
 #include "orvaneLogStampInternal.h"
 #include "orvaneSafeStr.h"
@@ -24,6 +25,12 @@ static OV_AGENT_LOG s_AgentLog;
 
 /* Serialises the file back end. Recursive: a back end that logs from inside must not deadlock. */
 static OV_MUTEX_T s_AgentLogLock;
+
+/* In a forked child, too: who wrote a line at the fork is not there. */
+static void _MakeLock()
+{
+    OV_MutexInit(&s_AgentLogLock);
+}
 
 OV_AGENT_LOG *OV_AgentLogOps(void)
 {
@@ -86,7 +93,8 @@ static int _OV_AgentFileLogInit(OV_AGENT_LOG *Log)
     OV_ASSERT_AT(Log != nullptr, "(Log->FileLog.Path != ((void *)0))", "linuxRtcLog", 526,
                  __func__);
     const CANCEL_SCOPE Whole; /* the stream is nobody's until it is stored */
-    OV_MutexInit(&s_AgentLogLock);
+    _MakeLock();
+    WatchForks<_MakeLock>();
 
     FILE *Stream = _OpenLogFile(Log->FileLog.Path, "agent log start");
     if (Stream == nullptr) {

@@ -1,5 +1,6 @@
 #include "orvaneMem.h"
 
+#include "orvaneForkInternal.h"
 #include "orvaneMemGuardInternal.h"
 #include "orvaneMemInternal.h"
 #include "orvanePlatformSpinlock.h"
@@ -49,6 +50,7 @@ static void _InitLocks()
 static OV_MUTEX_T &_TableMutex()
 {
     pthread_once(&sg_MutexInitialized, _InitLocks);
+    WatchForks<_InitLocks>();
     return g_MemMutex;
 }
 

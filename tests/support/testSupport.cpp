@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iomanip>
 #include <mutex>
+#include <pthread.h>
 #include <regex>
 #include <spawn.h>
 #include <string.h>
@@ -25,6 +26,10 @@ static std::mutex gs_LogLock;
 static STRINGS gs_Log;       /* under gs_LogLock */
 static STRINGS gs_SystemLog; /* under gs_LogLock */
 static bool gs_RecordPipes;  /* under gs_LogLock */
+
+/* A forked child logs, too: no other thread may have the lock then. */
+static const int gs_IsForkSafe = pthread_atfork(
+    [] { gs_LogLock.lock(); }, [] { gs_LogLock.unlock(); }, [] { gs_LogLock.unlock(); });
 
 std::string BuildFolder()
 {
