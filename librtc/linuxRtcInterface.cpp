@@ -11,7 +11,7 @@
 
 static constexpr size_t PPPOE_OPTIONS_SIZE = 128;
 
-/* The interface's line stands there twice on purpose: installed peers files have it so. */
+/* The interface's line stands there twice on purpose, and must stay so. */
 static OV_ERR_T _ComposePppoeOptions(const OV_RTC_INTF_CONFIG *IntfConf,
                                      char (&Options)[PPPOE_OPTIONS_SIZE])
 {

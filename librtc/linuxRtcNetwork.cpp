@@ -335,7 +335,7 @@ int32_t OV_RTCBridgePortFlush(const char *BrIfName)
     char List[PORT_LIST_SIZE] = "";
     char Port[PORT_NAME_SIZE];
 
-    if (BrIfName == nullptr) {
+    if (!_OV_RTCIsGiven(BrIfName)) {
         return -OV_RTC_ERROR_INVALID_PARAM;
     }
     if (_OV_RTCBridgePortGetAll(BrIfName, List, sizeof(List)) < 0) {
