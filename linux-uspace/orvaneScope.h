@@ -14,6 +14,7 @@
 #include "orvanePlatformSpinlock.h"
 
 #include <memory>
+#include <signal.h>
 #include <stdio.h>
 #include <unistd.h>
 #include <utility>
@@ -34,6 +35,31 @@ class CANCEL_SCOPE {
 
   private:
     int Before;
+};
+
+/* Lets no signal handler run on this thread, and none but SIGKILL end the process through it: what
+ * comes meanwhile acts when the scope ends. The signals of a fault are let through. */
+class SIGNAL_SCOPE {
+  public:
+    SIGNAL_SCOPE()
+    {
+        sigset_t Blocked;
+
+        sigfillset(&Blocked);
+        for (const int Fault : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS, SIGABRT}) {
+            sigdelset(&Blocked, Fault);
+        }
+        pthread_sigmask(SIG_BLOCK, &Blocked, &Before);
+    }
+    ~SIGNAL_SCOPE()
+    {
+        pthread_sigmask(SIG_SETMASK, &Before, nullptr);
+    }
+    SIGNAL_SCOPE(const SIGNAL_SCOPE &) = delete;
+    SIGNAL_SCOPE &operator=(const SIGNAL_SCOPE &) = delete;
+
+  private:
+    sigset_t Before;
 };
 
 template <typename LOCK, auto Take, auto GiveBack>
