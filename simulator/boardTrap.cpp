@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -16,10 +17,19 @@ static constexpr int AllRights = 3;
 static constexpr unsigned long PortCount = 0x10000;
 static constexpr long long GeneralProtection = 13;
 
+/* As the kernel keeps them: a thread's own, copied to what the thread makes. */
+struct PORT_RIGHTS {
+    unsigned Attachment; /* rights that come from another one are none */
+    int Level;
+    uint8_t Granted[PortCount / 8];
+};
+
 static BOARD_STATE *gs_Board;
-static int gs_Level;
-static uint8_t gs_Granted[PortCount / 8];
+static unsigned gs_Attachment = 1;
 static struct sigaction gs_Previous;
+
+/* Lies beside the thread's stack from its start: a fault handler may allocate nothing. */
+static thread_local PORT_RIGHTS gs_Rights __attribute__((tls_model("initial-exec")));
 
 /* Instructions */
 
@@ -106,14 +116,30 @@ static void CarryOut(greg_t *Registers, const PORT_INSTRUCTION *Instruction)
 
 /* Rights */
 
+static bool HasRights()
+{
+    return gs_Rights.Attachment == gs_Attachment;
+}
+
+static void BeginRights()
+{
+    if (!HasRights()) {
+        gs_Rights = {};
+        gs_Rights.Attachment = gs_Attachment;
+    }
+}
+
 static bool PortGranted(unsigned long Port)
 {
-    return Port < PortCount && (gs_Granted[Port / 8] & (1U << (Port % 8))) != 0;
+    return Port < PortCount && (gs_Rights.Granted[Port / 8] & (1U << (Port % 8))) != 0;
 }
 
 static bool MayAccess(const PORT_INSTRUCTION *Instruction)
 {
-    if (gs_Level == AllRights) {
+    if (!HasRights()) {
+        return false;
+    }
+    if (gs_Rights.Level == AllRights) {
         return true;
     }
     for (unsigned Byte = 0; Byte < Instruction->Width; Byte++) {
@@ -126,17 +152,12 @@ static bool MayAccess(const PORT_INSTRUCTION *Instruction)
 
 static void SetGranted(unsigned long From, unsigned long Count, bool TurnOn)
 {
+    BeginRights();
     for (unsigned long Port = From; Port < From + Count; Port++) {
         const unsigned Bit = 1U << (Port % 8);
-        const unsigned Rest = gs_Granted[Port / 8] & ~Bit;
-        gs_Granted[Port / 8] = static_cast<uint8_t>(TurnOn ? Rest | Bit : Rest);
+        const unsigned Rest = gs_Rights.Granted[Port / 8] & ~Bit;
+        gs_Rights.Granted[Port / 8] = static_cast<uint8_t>(TurnOn ? Rest | Bit : Rest);
     }
-}
-
-static void DropRights()
-{
-    gs_Level = 0;
-    memset(gs_Granted, 0, sizeof(gs_Granted));
 }
 
 /* Fault handler */
@@ -243,7 +264,7 @@ void BoardDetach(void)
         return;
     }
     RemoveHandler();
-    DropRights();
+    gs_Attachment++; /* takes the rights of all threads */
     BoardFileClose(gs_Board);
     gs_Board = nullptr;
 }
@@ -297,7 +318,8 @@ static int ChangeLevel(int Level)
     if (Level == 0 && Refused(&gs_Board->RefuseLower)) {
         return -EPERM;
     }
-    gs_Level = Level;
+    BeginRights();
+    gs_Rights.Level = Level;
     return 0;
 }
 
@@ -399,6 +421,46 @@ IN_FRONT_OF_LIBRARY int kill(pid_t Process, int Signal) noexcept
     }
     LeaveBoard(&Former);
     return Finish(Result);
+}
+
+struct THREAD_START {
+    void *(*Function)(void *);
+    void *Argument;
+    PORT_RIGHTS Rights;
+};
+
+static void *StartWithRights(void *Given)
+{
+    THREAD_START *Start = static_cast<THREAD_START *>(Given);
+    void *(*const Function)(void *) = Start->Function;
+    void *Argument = Start->Argument;
+    gs_Rights = Start->Rights;
+    free(Start);
+    return Function(Argument);
+}
+
+/* A forked child has the rights with the rest of the thread's memory; a new thread is given them.
+ */
+IN_FRONT_OF_LIBRARY int pthread_create(pthread_t *Thread, const pthread_attr_t *Attributes,
+                                       void *(*Function)(void *), void *Argument) noexcept
+{
+    const auto Create =
+        reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+    if (!HasRights()) {
+        return Create(Thread, Attributes, Function, Argument);
+    }
+    THREAD_START *Start = static_cast<THREAD_START *>(malloc(sizeof(THREAD_START)));
+    if (Start == nullptr) {
+        return EAGAIN;
+    }
+    Start->Function = Function;
+    Start->Argument = Argument;
+    Start->Rights = gs_Rights;
+    const int Result = Create(Thread, Attributes, StartWithRights, Start);
+    if (Result != 0) {
+        free(Start);
+    }
+    return Result;
 }
 
 /* Start-up */

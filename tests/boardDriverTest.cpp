@@ -15,7 +15,10 @@
 #include "testSupport.h"
 
 #include <errno.h>
+#include <future>
+#include <signal.h>
 #include <sys/io.h>
+#include <unistd.h>
 
 static const char *const BOARD_PATH = "/tmp/board";
 static constexpr BOARD_RELAY ON = RELAY_BYPASS;
@@ -412,6 +415,63 @@ TEST_F(BoardDriver, RefusedRightsEndTheProcess)
         EXPECT_DEATH(g_RtcBypassTable[Platform].Bypass(1), "");
         EXPECT_EQ(BoardRelay(Board, 1), OFF);
     }
+}
+
+using WORK = std::function<void()>;
+
+/* The status of a process that does this alone. */
+static int Ends(const WORK &Work)
+{
+    const pid_t Child = fork();
+    if (Child == 0) {
+        Work();
+        _exit(0);
+    }
+    return WaitForProcess(Child);
+}
+
+/* The second by a thread that was there before the first was done. */
+static void ThenByAnElder(const WORK &First, const WORK &Second)
+{
+    std::promise<void> Done;
+    std::thread Elder([&] {
+        Done.get_future().wait();
+        Second();
+    });
+    First();
+    Done.set_value();
+    Elder.join();
+}
+
+/* A daemon that raises its rights on one thread and feeds on another ends on a real board. */
+TEST_F(BoardDriver, RightsAreAThreadsOwn)
+{
+    const WORK Raise = [] { iopl(3); };
+    const WORK Lower = [] { iopl(0); };
+    const WORK RaiseOne = [] { ioperm(0x80, 1, 1); };
+    const WORK Touch = [] { outb(0, 0x80); };
+    const auto Younger = [](const WORK &Work) { std::thread(Work).join(); };
+    static constexpr int FAULT = 128 + SIGSEGV;
+    const std::pair<WORK, int> Rows[] = {
+        {[&] { ThenByAnElder(Raise, Touch); }, FAULT},
+        {[&] { ThenByAnElder(RaiseOne, Touch); }, FAULT},
+        {[&] { Younger(Raise), Touch(); }, FAULT},
+        {[&] { Raise(), Lower(), Younger(Touch); }, FAULT},
+        {[&] { Raise(), Younger(Touch); }, 0},
+        {[&] { RaiseOne(), Younger([&] { Younger(Touch); }); }, 0},
+        {[&] { Raise(), Younger(Lower), Touch(); }, 0},
+        {[&] { Raise(), ThenByAnElder(Lower, Touch); }, 0}, /* has what its maker had */
+        {[&] { Younger([&] { Raise(), _exit(Ends(Touch)); }); }, 0},
+        {[&] { Raise(), Ends(Lower), Touch(); }, 0},
+    };
+    Use("B1904");
+    for (const auto &Row : Rows) {
+        EXPECT_EQ(Ends(Row.first), Row.second) << "row " << &Row - Rows;
+    }
+    EXPECT_EQ(Board->FaultCount, 4U);
+    iopl(3);
+    Use("B1904"); /* another board */
+    EXPECT_EQ(Ends(Touch), FAULT);
 }
 
 /* Every read all ones: no sequence hangs, and a computed port stays a port. */
