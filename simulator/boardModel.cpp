@@ -1138,7 +1138,9 @@ BOARD_STATE *BoardFileOpen(const char *Path)
 
 void BoardFileClose(BOARD_STATE *State)
 {
-    munmap(State, sizeof(BOARD_STATE));
+    if (State != nullptr) { /* what lies at the lowest addresses is another's */
+        munmap(State, sizeof(BOARD_STATE));
+    }
 }
 
 /* Lock */

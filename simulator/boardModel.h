@@ -115,7 +115,7 @@ int BoardFileCreate(const char *Path, const char *ProductName);
 
 /* nullptr and errno; EINVAL is a file that holds no board. */
 BOARD_STATE *BoardFileOpen(const char *Path);
-void BoardFileClose(BOARD_STATE *State);
+void BoardFileClose(BOARD_STATE *State); /* nullptr: does nothing */
 
 /* A lock whose owner is gone, or does not move for two seconds, is taken over. */
 void BoardLock(BOARD_STATE *State);

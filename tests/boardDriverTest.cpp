@@ -18,6 +18,7 @@
 #include <future>
 #include <signal.h>
 #include <sys/io.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 static const char *const BOARD_PATH = "/tmp/board";
@@ -472,6 +473,18 @@ TEST_F(BoardDriver, RightsAreAThreadsOwn)
     iopl(3);
     Use("B1904"); /* another board */
     EXPECT_EQ(Ends(Touch), FAULT);
+}
+
+TEST_F(BoardDriver, ClosingNoBoardUnmapsNothing)
+{
+    void *const Lowest = reinterpret_cast<void *>(0x10000); /* that the kernel gives anybody */
+    const size_t Size = 0x1000;
+    ASSERT_EQ(
+        mmap(Lowest, Size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0),
+        Lowest);
+    BoardFileClose(nullptr);
+    EXPECT_EQ(msync(Lowest, Size, MS_ASYNC), 0) << "gone";
+    munmap(Lowest, Size);
 }
 
 /* Every read all ones: no sequence hangs, and a computed port stays a port. */
