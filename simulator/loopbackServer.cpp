@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <chrono>
 #include <errno.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -9,7 +10,12 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <system_error>
 #include <unistd.h>
+#include <utility>
+
+/* Long enough not to spin while there are no descriptors, short enough for nobody to notice. */
+static constexpr std::chrono::milliseconds RETRY_PAUSE(20);
 
 int ListenOnLoopback(uint16_t Port, int Backlog)
 {
@@ -39,22 +45,50 @@ void LOOPBACK_SERVER::Accept()
 {
     for (;;) {
         const int Socket = accept4(ListenSocket, nullptr, nullptr, SOCK_CLOEXEC);
-        const std::lock_guard Guard(Lock);
-
-        if (Stopped || Socket < 0) {
-            close(Socket);
-            return;
+        {
+            const std::lock_guard Guard(Lock);
+            if (Stopped) {
+                close(Socket);
+                return;
+            }
+            if (Socket >= 0 && Take(Socket)) {
+                continue;
+            }
         }
-        const int One = 1;
-        setsockopt(Socket, IPPROTO_TCP, TCP_NODELAY, &One, sizeof(One));
-        const size_t Index = Sockets.size();
-        Sockets.push_back(Socket);
-        Threads.emplace_back([this, Socket, Index] {
-            Serve(Socket);
-            const std::lock_guard Closing(Lock);
-            close(Socket);
-            Sockets[Index] = -1;
-        });
+        std::this_thread::sleep_for(RETRY_PAUSE);
+    }
+}
+
+/* Under Lock. False when there is no thread for it: the connection is closed then. */
+bool LOOPBACK_SERVER::Take(int Socket)
+{
+    const int One = 1;
+
+    setsockopt(Socket, IPPROTO_TCP, TCP_NODELAY, &One, sizeof(One));
+    try {
+        Open.emplace(Socket, std::thread([this, Socket] { ServeAndEnd(Socket); }));
+    } catch (const std::system_error &) {
+        close(Socket);
+        return false;
+    }
+    Taken++;
+    return true;
+}
+
+void LOOPBACK_SERVER::ServeAndEnd(int Socket)
+{
+    std::thread Former;
+
+    Serve(Socket);
+    {
+        const std::lock_guard Guard(Lock);
+        Former = std::exchange(Last, std::move(Open.at(Socket)));
+        Open.erase(Socket);
+        close(Socket);
+        Ended.notify_all();
+    }
+    if (Former.joinable()) {
+        Former.join();
     }
 }
 
@@ -62,7 +96,7 @@ void LOOPBACK_SERVER::Disconnect()
 {
     const std::lock_guard Guard(Lock);
 
-    for (const int Socket : Sockets) {
+    for (const auto &[Socket, Thread] : Open) {
         shutdown(Socket, SHUT_RDWR);
     }
 }
@@ -71,7 +105,7 @@ size_t LOOPBACK_SERVER::Connections()
 {
     const std::lock_guard Guard(Lock);
 
-    return Sockets.size();
+    return Taken;
 }
 
 LOOPBACK_SERVER::~LOOPBACK_SERVER()
@@ -84,8 +118,12 @@ LOOPBACK_SERVER::~LOOPBACK_SERVER()
     Acceptor.join();
     close(ListenSocket);
     Disconnect();
-    for (std::thread &Thread : Threads) {
-        Thread.join();
+    {
+        std::unique_lock Guard(Lock);
+        Ended.wait(Guard, [this] { return Open.empty(); });
+    }
+    if (Last.joinable()) {
+        Last.join();
     }
 }
 

@@ -1,15 +1,16 @@
 /* A peer on 127.0.0.1, for the simulated services and for tests: each connection is served by the
  * caller's function on a thread of its own, which speaks the frame, or misbehaves as a test wants.
- */
+ * A connection that cannot be taken, for want of a descriptor, is tried again later. */
 #ifndef LOOPBACK_SERVER_H
 #define LOOPBACK_SERVER_H
 
+#include <condition_variable>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <stdint.h>
 #include <string>
 #include <thread>
-#include <vector>
 
 class LOOPBACK_SERVER {
   public:
@@ -28,13 +29,17 @@ class LOOPBACK_SERVER {
 
   private:
     void Accept();
+    bool Take(int Socket);
+    void ServeAndEnd(int Socket);
 
     const SERVE Serve;
     const int ListenSocket;
     std::mutex Lock;
-    bool Stopped = false;             /* under Lock */
-    std::vector<int> Sockets;         /* under Lock; -1: closed */
-    std::vector<std::thread> Threads; /* under Lock */
+    std::condition_variable Ended;   /* a connection did, under Lock */
+    bool Stopped = false;            /* under Lock */
+    size_t Taken = 0;                /* under Lock */
+    std::map<int, std::thread> Open; /* under Lock, by socket */
+    std::thread Last;                /* under Lock; the one that ended last joins its predecessor */
     std::thread Acceptor;
 };
 

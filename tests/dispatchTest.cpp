@@ -522,3 +522,47 @@ TEST_F(Dispatch, AHandlerMayStopAndStartTheClient)
     OV_DispatchClientExit();
     EXPECT_EQ(s_Notified, 3);
 }
+
+/* How much address space this process has, in MB. */
+static size_t MappedSpace()
+{
+    return std::stoul(ReadFile("/proc/self/statm")) * static_cast<size_t>(getpagesize()) >> 20;
+}
+
+/* The server of these tests, which is the one of the simulated services, too. */
+TEST_F(Dispatch, TheServerOutlastsConnectionsAndAcceptsThatFail)
+{
+    static constexpr size_t COUNT = 300;
+    const size_t MappedBefore = MappedSpace();
+    for (size_t Connection = 0; Connection < COUNT; Connection++) {
+        OV_SOCKET Client = -1;
+        ASSERT_EQ(OV_ImcConnect(INADDR_LOOPBACK, CONFIG_PORT, &Client), 0);
+        EXPECT_TRUE(SendBytes(Client, Frame(1, 2, "")));
+        EXPECT_EQ(ReceiveFrame(Client), Frame(1, 2, ""));
+        close(Client);
+    }
+    EXPECT_TRUE(WaitUntil([this] { return OpenThreads() <= ThreadsBefore + 2; }));
+    EXPECT_LT(MappedSpace() - MappedBefore, 256U) << "stacks of threads that nobody joined";
+    EXPECT_EQ(Config->Connections(), COUNT);
+
+    const int Late[] = {socket(AF_INET, SOCK_STREAM, 0), socket(AF_INET, SOCK_STREAM, 0)};
+    struct sockaddr_in Address = {};
+    struct rlimit All;
+    Address.sin_family = AF_INET;
+    Address.sin_port = htons(CONFIG_PORT);
+    Address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    getrlimit(RLIMIT_NOFILE, &All);
+    const struct rlimit None = {0, All.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &None);
+    const clock_t UsedBefore = clock();
+    for (const int Client : Late) { /* for the first one the server has a descriptor already */
+        EXPECT_EQ(connect(Client, reinterpret_cast<struct sockaddr *>(&Address), sizeof(Address)),
+                  0);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_LT(clock() - UsedBefore, CLOCKS_PER_SEC / 10) << "it spins";
+    setrlimit(RLIMIT_NOFILE, &All);
+    EXPECT_TRUE(WaitUntil([this] { return Config->Connections() == COUNT + 2; }, 5));
+    close(Late[0]);
+    close(Late[1]);
+}
