@@ -10,6 +10,7 @@
  * - dispatch notifications (54322): what an agent pushes is shown; what the agents are to be told
  *   is read from standard input, a line each: "up INTERFACE" or "down INTERFACE", the state of an
  *   interface of the data path; "reachable POP" or "unreachable POP", that of a PoP by its number.
+ *   A listener that does not read what it is told is disconnected.
  * - configuration (55435): a request with a payload sets the item of its module and operation, one
  *   without reads it (-ENOENT when it was never set). The items last as long as the process.
  *
@@ -29,6 +30,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 static constexpr uint16_t CONFIG_PORT = 54321;
@@ -179,6 +181,20 @@ static std::optional<std::string> NotificationOf(const std::string &Event, const
     return std::nullopt;
 }
 
+/* Whole and without a wait, which would be one for all other listeners, too. */
+static bool Tell(int Socket, const std::string &Message)
+{
+    const ssize_t Sent = send(Socket, Message.data(), Message.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (Sent == static_cast<ssize_t>(Message.size())) {
+        return true;
+    }
+    if (Sent >= 0 || errno == EAGAIN) {
+        puts("services: a listener does not read, it is disconnected");
+        shutdown(Socket, SHUT_RDWR);
+    }
+    return false;
+}
+
 static void Notify(const char *Line)
 {
     char Event[16] = "";
@@ -192,7 +208,7 @@ static void Notify(const char *Line)
     }
     const std::lock_guard Guard(s_Lock); /* no listener is closed meanwhile */
     const auto Told = std::count_if(s_Listeners.begin(), s_Listeners.end(),
-                                    [&](int Socket) { return SendBytes(Socket, *Message); });
+                                    [&](int Socket) { return Tell(Socket, *Message); });
     printf("services: %s %s told to %zd\n", Event, Object, Told);
 }
 

@@ -1,9 +1,16 @@
 /* The example agent as a process, between a simulated board, simulated services and the kernel: a
  * start that leaves out a step, an event that does not arrive, an end that leaves something. */
 #include "boardModel.h"
+#include "linuxRtcSockMonitor.h"
+#include "loopbackServer.h"
+#include "orvaneDispatch.h"
+#include "orvaneImc.h"
 #include "testSupport.h"
 
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 static const char *const AGENT = "/tmp/agent.output";
 static const char *const SERVICES = "/tmp/services.output";
@@ -93,4 +100,31 @@ TEST_F(AgentTest, WorksAndLeavesNothingOfItsOwn)
     EXPECT_EQ(WaitForProcess(Agent), 0) << ReadFile(AGENT);
     EXPECT_EQ(Output(RULES), "50:all main\n240:all default\n50:all main\n240:all default\n");
     EXPECT_TRUE(Says(SERVICES, " dispatch client gone\n"));
+}
+
+TEST_F(AgentTest, AListenerThatDoesNotReadKeepsNoneWaiting)
+{
+    static constexpr size_t BATCH =
+        1000 * (sizeof(OV_DISPATCH_HDR) + sizeof(OV_NETIO_STATE_NOTIFY));
+    const struct timeval Patience = {10, 0};
+    OV_SOCKET Deaf = -1;
+    OV_SOCKET Listener = -1;
+    StartServices("dispatch");
+    ASSERT_EQ(OV_ImcConnect(INADDR_LOOPBACK, 54322, &Deaf), 0);
+    ASSERT_EQ(OV_ImcConnect(INADDR_LOOPBACK, 54322, &Listener), 0);
+    setsockopt(Listener, SOL_SOCKET, SO_RCVTIMEO, &Patience, sizeof(Patience));
+    EXPECT_TRUE(WaitUntil([] {
+        Output("echo down lan1 >/tmp/told");
+        return Contains(ReadFile(SERVICES), " told to 2\n");
+    }));
+    bool DeafIsGone = false; /* after some 4 MB that the kernel keeps for it */
+    for (int Batch = 0; Batch < 100 && !DeafIsGone; Batch++) {
+        Output("yes down lan1 | head -n 1000 | timeout 20 tee /tmp/told >/dev/null");
+        ASSERT_EQ(ReceiveBytes(Listener, BATCH).size(), BATCH);
+        DeafIsGone = Contains(ReadFile(SERVICES), "a listener does not read");
+    }
+    EXPECT_TRUE(DeafIsGone);
+    EXPECT_TRUE(Says(SERVICES, " told to 1\n"));
+    close(Deaf);
+    close(Listener);
 }
