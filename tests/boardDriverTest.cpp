@@ -472,7 +472,7 @@ TEST_F(BoardDriver, RightsAreAThreadsOwn)
     EXPECT_EQ(Board->FaultCount, 4U);
     iopl(3);
     Use("B1904"); /* another board */
-    EXPECT_EQ(Ends(Touch), FAULT);
+    EXPECT_EQ(Ends([&] { Younger(Raise), Touch(); }), FAULT);
 }
 
 TEST_F(BoardDriver, ClosingNoBoardUnmapsNothing)
