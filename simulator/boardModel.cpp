@@ -207,18 +207,6 @@ int64_t BoardMilliSeconds(const BOARD_STATE *State)
 
 /* Trace */
 
-static BOARD_ACCESS *NextEntry(BOARD_STATE *State)
-{
-    State->LastSequence++;
-    if (State->TraceCount >= BoardTraceSize) {
-        State->TraceDropped++;
-        return nullptr;
-    }
-    BOARD_ACCESS *Entry = &State->Trace[State->TraceCount];
-    State->TraceCount++;
-    return Entry;
-}
-
 static void SetProcess(BOARD_ACCESS *Entry, int32_t Pid, const char *Name)
 {
     Entry->Pid = Pid;
@@ -230,10 +218,12 @@ BOARD_ACCESS *BoardRecord(BOARD_STATE *State, const BOARD_ACCESS *What, const ch
     if (What->Kind == BOARD_FAULT) {
         State->FaultCount++;
     }
-    BOARD_ACCESS *Entry = NextEntry(State);
-    if (Entry == nullptr) {
+    State->LastSequence++;
+    if (State->TraceCount >= BoardTraceSize) {
+        State->TraceDropped++;
         return nullptr;
     }
+    BOARD_ACCESS *Entry = &State->Trace[State->TraceCount];
     *Entry = *What;
     Entry->Sequence = State->LastSequence;
     Entry->MilliSeconds = BoardMilliSeconds(State);
@@ -242,6 +232,8 @@ BOARD_ACCESS *BoardRecord(BOARD_STATE *State, const BOARD_ACCESS *What, const ch
     va_start(Arguments, Note);
     vsnprintf(Entry->Note, sizeof(Entry->Note), Note, Arguments);
     va_end(Arguments);
+    /* Last: a reader without the lock, or after an owner that was killed, meets whole entries. */
+    __atomic_store_n(&State->TraceCount, State->TraceCount + 1, __ATOMIC_RELEASE);
     return Entry;
 }
 
@@ -1164,14 +1156,23 @@ void BoardLock(BOARD_STATE *State)
 {
     const int SavedError = errno;
     const int32_t Self = gettid();
-    const int64_t Start = HostMilliSeconds();
+    int32_t FormerOwner = 0;
+    uint64_t FormerSequence = 0;
+    int64_t Since = 0;
     for (unsigned Attempt = 1; !TakeLock(State, 0, Self); Attempt++) {
         if (Attempt % LockAttemptsPerLook != 0) {
             sched_yield();
             continue;
         }
         const int32_t Owner = __atomic_load_n(&State->LockOwner, __ATOMIC_RELAXED);
-        const bool Stuck = HostMilliSeconds() - Start > LockPatienceMilliSeconds;
+        const uint64_t Sequence = __atomic_load_n(&State->LastSequence, __ATOMIC_RELAXED);
+        const int64_t Now = HostMilliSeconds();
+        if (Owner != FormerOwner || Sequence != FormerSequence) {
+            FormerOwner = Owner;
+            FormerSequence = Sequence;
+            Since = Now;
+        }
+        const bool Stuck = Now - Since > LockPatienceMilliSeconds;
         if (Owner != 0 && (Owner == Self || Stuck || IsGone(Owner)) &&
             TakeLock(State, Owner, Self)) {
             break;

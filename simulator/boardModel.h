@@ -117,7 +117,7 @@ int BoardFileCreate(const char *Path, const char *ProductName);
 BOARD_STATE *BoardFileOpen(const char *Path);
 void BoardFileClose(BOARD_STATE *State); /* nullptr: does nothing */
 
-/* A lock whose owner is gone, or does not move for two seconds, is taken over. */
+/* A lock whose owner is gone, or does nothing to the board for two seconds, is taken over. */
 void BoardLock(BOARD_STATE *State);
 void BoardUnlock(BOARD_STATE *State);
 

@@ -487,6 +487,33 @@ TEST_F(BoardDriver, ClosingNoBoardUnmapsNothing)
     munmap(Lowest, Size);
 }
 
+/* The lock and the trace after an owner that was killed, and before one that takes its time. */
+TEST_F(BoardDriver, OwnersOfTheLock)
+{
+    const BOARD_ACCESS What = {};
+    Use("B1904");
+    Ends([&] {
+        BoardLock(Board);
+        BoardRecord(Board, &What, "%s", reinterpret_cast<const char *>(1)); /* ends here */
+    });
+    const auto Start = std::chrono::steady_clock::now();
+    BoardLock(Board);
+    EXPECT_LT(std::chrono::steady_clock::now() - Start, std::chrono::seconds(1));
+    EXPECT_EQ(Board->TraceCount, 0U) << "a line that nobody finished";
+
+    std::thread Waiting([&] {
+        BoardLock(Board);
+        BoardUnlock(Board);
+    });
+    for (int Tenths = 0; Tenths < 23; Tenths++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        BoardRecord(Board, &What, "at work");
+    }
+    EXPECT_EQ(__atomic_load_n(&Board->LockOwner, __ATOMIC_RELAXED), gettid()) << "taken away";
+    BoardUnlock(Board);
+    Waiting.join();
+}
+
 /* Every read all ones: no sequence hangs, and a computed port stays a port. */
 TEST_F(BoardDriver, AnEmptyBus)
 {
