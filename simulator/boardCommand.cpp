@@ -331,6 +331,9 @@ int main(int Count, char **Words)
     if (Count < 2) {
         return ShowUsage();
     }
+    /* What is printed with the board's lock held fits: a terminal that is stopped keeps no lock. */
+    static char Output[4096];
+    setvbuf(stdout, Output, _IOFBF, sizeof(Output));
     for (const COMMAND_ROW &Command : gs_Commands) {
         if (strcmp(Command.Name, Words[1]) == 0) {
             return Command.Run(Count - 2, Words + 2);
