@@ -21,7 +21,7 @@ static constexpr uint8_t GENL_VERSION = 1;
 static constexpr MISSING_DESTINATION DUMP_MISSING_DESTINATION = {"default", "0"};
 
 /* Held from the look-up of the family to the use of what was found. */
-static OV_MUTEX_T s_FamilyIdLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+static constinit FORK_MUTEX s_FamilyIdLock(FORK_RANK_FAMILY_ID, HELD_FOR_LONG);
 static uint32_t g_OV_RTCMonitorPtxFamilyId; /* 0: not found */
 
 /* ---- Events of the family ---- */
@@ -147,7 +147,7 @@ static struct nl_sock *_CreateSock(int Protocol, nl_recvmsg_msg_cb_t Parse, void
         OV_LOG_ERROR("nl_socket_modify_cb failed(err: %d)", *Status);
         return nullptr;
     }
-    *Status = nl_connect(Sock.get(), Protocol);
+    *Status = _OV_RTCLibNlConnect(Sock.get(), Protocol, OWNED_BY_THREAD);
     if (*Status != 0) {
         OV_LOG_ERROR("genl_connect failed(err: %d)", *Status);
         return nullptr;

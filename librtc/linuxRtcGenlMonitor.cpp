@@ -1,7 +1,6 @@
 #include "linuxRtcGenlMonitorInternal.h"
 
 #include "linuxRtcNotifyInternal.h"
-#include "orvaneForkInternal.h"
 #include "orvaneGateInternal.h"
 #include "orvaneLibrtcLog.h"
 #include "orvaneRtcLibnlInternal.h"
@@ -19,8 +18,6 @@
 #include <netlink/msg.h>
 #include <netlink/netlink.h>
 #include <netlink/socket.h>
-#include <new>
-#include <semaphore.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/epoll.h>
@@ -76,17 +73,18 @@ struct _OV_RTC_MONITOR {
     NotifyCallback callback; /* null: the slot is free */
 };
 
+static void _ForgetMonitor();
+
 /* Makes starts and stops take turns. Taken before the others. */
-static OV_MUTEX_T s_ControlLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+static constinit FORK_MUTEX s_ControlLock(FORK_RANK_MONITOR_CONTROL, HELD_FOR_LONG);
 
 /* Held by the monitor thread and by the check thread whenever they are not in their waits, so
  * during callbacks, and by the stop while it takes everything away. Guards what follows. */
-static OV_MUTEX_T s_WorkLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
-static int gs_EpollFd = -1;
+static constinit FORK_MUTEX s_WorkLock(FORK_RANK_MONITOR_WORK, HELD_FOR_LONG, _ForgetMonitor);
+static int gs_EpollFd = -1; /* opened and closed under s_SendLock, too */
 static struct nl_sock *gs_NlSock; /* the routing socket; null: to be made (again) */
 static OV_RTC_MONITOR_SOCK gs_GenlSock;
 static struct nl_sock *s_CheckSock;    /* made once, for all starts */
-static struct nl_sock *s_ParentsSock;  /* a forked child's s_CheckSock of before: not to be used */
 static struct nl_sock *s_LostSocks[8]; /* the last ones whose descriptor somebody closed */
 static size_t s_LostCount;
 static bool s_IsRouteSockLost;  /* so the check thread has to make gs_NlSock */
@@ -94,28 +92,29 @@ static unsigned s_FailureCount; /* of receiving, one after the other */
 static pthread_t gs_MonitorThreadId;
 static pthread_t gs_CheckThreadId; /* 0: none. A thread that is in neither has been stopped. */
 
-/* Posted by the monitor thread when it listens, or cannot: what changes after a start is told. */
-static sem_t s_HasBegun;
+/* Set by the monitor thread when it listens, or cannot: what changes after a start is told. */
+static bool s_HasBegun;
+static constinit FORK_CONDITION s_Begun;
 
 /* The threads in their waits, which a stop sees out before it closes what they wait on. */
-static GATE s_Waiters(true);
+static constinit VISITORS s_Waiters;
 
-/* Held in addition to change gs_NlSock, and alone to send on it. Taken last. */
-static OV_MUTEX_T s_SendLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+/* Held in addition to change gs_NlSock, and alone to send on it. No line is logged under it. */
+static constinit FORK_MUTEX s_SendLock(FORK_RANK_MONITOR_SOCKETS, HELD_FOR_A_MOMENT);
 
 /* 1 while the monitor runs. Written by start and stop. */
 static std::atomic<int> gs_MonitorEnable;
 
 /* The callback table; the lock is held for reading while callbacks run. */
-static pthread_rwlock_t gs_MonitorListRWLock = PTHREAD_RWLOCK_INITIALIZER;
+static constinit FORK_RWLOCK gs_MonitorListRWLock(FORK_RANK_MONITOR_CALLBACKS, nullptr);
 static _OV_RTC_MONITOR gs_MonitorList[CALLBACK_MAX];
 
 /* This thread is inside a callback, and would wait for itself in start, stop and registration. */
 static thread_local bool s_IsDelivering;
 
-static void _LeaveWait(void *)
+static void _LeaveWait(void *Ticket)
 {
-    s_Waiters.Leave();
+    s_Waiters.Leave(*static_cast<unsigned *>(Ticket));
 }
 
 /* Lets go of the work for the time of a blocking wait, and tells what that returned (errno is
@@ -126,15 +125,15 @@ static int _Wait(WAIT Blocking)
     int Result;
     int Error;
 
-    s_Waiters.Enter();
-    OV_MutexUnlock(&s_WorkLock);
-    pthread_cleanup_push(_LeaveWait, nullptr);
+    unsigned Ticket = s_Waiters.Enter();
+    s_WorkLock.Unlock();
+    pthread_cleanup_push(_LeaveWait, &Ticket);
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
     Result = Blocking();
     Error = errno;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     pthread_cleanup_pop(1);
-    OV_MutexLock(&s_WorkLock);
+    s_WorkLock.Lock();
     errno = Error;
     return Result;
 }
@@ -143,7 +142,7 @@ static int _Wait(WAIT Blocking)
 
 void _RTCMonitorNotify(OV_RTC_MONITOR_NOTIFY *NotifyInfo)
 {
-    pthread_rwlock_rdlock(&gs_MonitorListRWLock);
+    gs_MonitorListRWLock.LockForReading();
     if (gs_MonitorEnable > 0) { /* a stop has not begun yet: it waits for this event */
         s_IsDelivering = true;
         for (const _OV_RTC_MONITOR &Slot : gs_MonitorList) {
@@ -153,7 +152,7 @@ void _RTCMonitorNotify(OV_RTC_MONITOR_NOTIFY *NotifyInfo)
         }
         s_IsDelivering = false;
     }
-    pthread_rwlock_unlock(&gs_MonitorListRWLock);
+    gs_MonitorListRWLock.Unlock();
 }
 
 /* false: nothing is to be delivered. */
@@ -264,14 +263,18 @@ int _RTCMonitorParseNlMsg(struct nl_msg *Message, void *)
 
 static int _RTCMonitorCreateEpoll()
 {
-    const int EpollFd = epoll_create1(EPOLL_CLOEXEC);
-
-    if (EpollFd < 0) {
-        const int Error = errno;
+    int Error;
+    {
+        const MUTEX_SCOPE Open(s_SendLock);
+        gs_EpollFd = epoll_create1(EPOLL_CLOEXEC);
+        Error = errno;
+    }
+    if (gs_EpollFd < 0) {
+        errno = Error;
         perror("epoll_create");
         OV_LOG_ERROR("epoll_create1 failed: %s", strerror(Error));
     }
-    return EpollFd;
+    return gs_EpollFd;
 }
 
 /* SO_RCVBUF is cut to net.core.rmem_max without a word; with the right to it, it is forced. */
@@ -329,7 +332,7 @@ static struct nl_sock *_RTCMonitorCreateNetlink(_OV_NL_TYPE GenlNetlink)
         OV_LOG_ERROR("nl_socket_modify_cb failed(err: %d)", NlError);
         return nullptr;
     }
-    NlError = nl_connect(Sock.get(), Kind.Protocol);
+    NlError = _OV_RTCLibNlConnect(Sock.get(), Kind.Protocol, OWNED_BY_MODULE);
     if (NlError != 0) {
         OV_LOG_ERROR("genl_connect failed(err: %d)", NlError);
         return nullptr;
@@ -401,6 +404,7 @@ static bool _GiveUpIfLost(struct nl_sock *Sock)
         return false;
     }
     OV_LOG_ERROR("socket(%d) was closed under the monitor", nl_socket_get_fd(Sock));
+    _OV_RTCLibNlSockLost(Sock);
     s_LostSocks[s_LostCount++ % std::size(s_LostSocks)] = Sock;
     return true;
 }
@@ -411,7 +415,7 @@ static void _FreeSock(struct nl_sock *Sock)
         _RTCMonitorEpollAdd(gs_EpollFd, Sock, 0);
     }
     if (!_GiveUpIfLost(Sock)) {
-        nl_socket_free(Sock);
+        OV_RTCLibNlSockFree(Sock);
     }
 }
 
@@ -423,10 +427,11 @@ static void _FreeGenlSock()
 
 static void _RTCMonitorFreeNL()
 {
-    if (gs_NlSock != nullptr) {
-        const MUTEX_SCOPE Send(s_SendLock);
-        _FreeSock(gs_NlSock);
-        gs_NlSock = nullptr;
+    struct nl_sock *RouteSock = gs_NlSock;
+
+    if (RouteSock != nullptr) {
+        _SetRouteSock(nullptr); /* nobody sends on it any more */
+        _FreeSock(RouteSock);
     }
     if (gs_GenlSock.Sock != nullptr) {
         _FreeGenlSock();
@@ -435,6 +440,8 @@ static void _RTCMonitorFreeNL()
 
 static void _CloseEpoll()
 {
+    const MUTEX_SCOPE Open(s_SendLock);
+
     if (gs_EpollFd != -1) {
         close(gs_EpollFd);
         gs_EpollFd = -1;
@@ -477,8 +484,7 @@ static void _Sleep(unsigned Seconds)
 
 static bool _StartListening()
 {
-    gs_EpollFd = _RTCMonitorCreateEpoll();
-    if (gs_EpollFd < 0) {
+    if (_RTCMonitorCreateEpoll() < 0) {
         perror("_RTCMonitorCreateEpoll failed\n");
         return false;
     }
@@ -495,7 +501,7 @@ static bool _StartListening()
 static bool _RebuildRouteSock()
 {
     if (gs_EpollFd < 0) {
-        gs_EpollFd = _RTCMonitorCreateEpoll();
+        _RTCMonitorCreateEpoll();
     }
     if (gs_EpollFd < 0 || gs_NlSock != nullptr) {
         return gs_EpollFd >= 0;
@@ -571,7 +577,8 @@ static void *_RTCMonitorThread(void *)
     const MUTEX_SCOPE Work(s_WorkLock);
 
     const bool IsListening = _StartListening();
-    sem_post(&s_HasBegun);
+    s_HasBegun = true;
+    s_Begun.WakeAll();
     if (IsListening) {
         while (_IsThread(gs_MonitorThreadId) && gs_MonitorEnable > 0) {
             if (_RebuildRouteSock()) {
@@ -717,6 +724,7 @@ static void _CancelThread(pthread_t *Thread)
 
 static void _StartThread(pthread_t *Thread, void *(*Body)(void *))
 {
+    const SIGNAL_SCOPE NoSignals; /* the thread's, too: they are for the program's own threads */
     const int Error = pthread_create(Thread, nullptr, Body, nullptr);
 
     if (Error != 0) {
@@ -725,20 +733,22 @@ static void _StartThread(pthread_t *Thread, void *(*Body)(void *))
     }
 }
 
-/* A forked child has neither the threads nor whoever held the locks: it may stop, and start again.
- */
-static void _ForgetThreads()
+/* A forked child has no monitor, and may start one: neither the threads, nor the callbacks, nor the
+ * sockets, which are closed where all of the process's are. The libnl objects stay: another thread
+ * may have been changing them. A child that was forked in a callback does not return from it. */
+static void _ForgetMonitor()
 {
-    static constexpr pthread_rwlock_t FREE_RWLOCK = PTHREAD_RWLOCK_INITIALIZER;
-
-    s_ControlLock = s_WorkLock = s_SendLock = FREE_MUTEX;
-    gs_MonitorListRWLock = FREE_RWLOCK;
-    new (&s_Waiters) GATE(true);
+    gs_MonitorEnable = 0;
     gs_MonitorThreadId = gs_CheckThreadId = 0;
-    s_IsDelivering = false;
-    if (s_CheckSock != nullptr) { /* both processes would take each other's answers from it */
-        s_ParentsSock = std::exchange(s_CheckSock, nullptr);
+    gs_NlSock = s_CheckSock = nullptr;
+    gs_GenlSock = {};
+    s_IsRouteSockLost = false;
+    _CloseEpoll();
+    for (_OV_RTC_MONITOR &Slot : gs_MonitorList) {
+        Slot.callback = nullptr;
     }
+    s_IsDelivering = false;
+    s_WorkLock.UnlockWholly();
 }
 
 static OV_ERR_T _StartMonitor()
@@ -749,22 +759,18 @@ static OV_ERR_T _StartMonitor()
     if (gs_MonitorEnable >= 1) {
         return -EEXIST;
     }
-    WatchForks<_ForgetThreads>();
     gs_MonitorEnable = 1;
     const OV_ERR_T Error = OV_RTCRouteInit();
     if (Error < 0) { /* the stop is still due, and the next start refused until then */
         OV_LOG_ERROR("OV_RTCRouteInit failed(ret = %d).", Error);
         return Error;
     }
-    sem_init(&s_HasBegun, 0, 0);
-    {
-        const MUTEX_SCOPE Work(s_WorkLock); /* the threads wait until both have their places */
-        nl_socket_free(std::exchange(s_ParentsSock, nullptr));
-        _StartThread(&gs_MonitorThreadId, _RTCMonitorThread);
-        _StartThread(&gs_CheckThreadId, _RTCMonitorCheckThread);
-    }
-    if (gs_MonitorThreadId != 0) {
-        while (sem_wait(&s_HasBegun) != 0) {}
+    const MUTEX_SCOPE Work(s_WorkLock); /* the threads wait until both have their places */
+    s_HasBegun = false;
+    _StartThread(&gs_MonitorThreadId, _RTCMonitorThread);
+    _StartThread(&gs_CheckThreadId, _RTCMonitorCheckThread);
+    while (gs_MonitorThreadId != 0 && !s_HasBegun) {
+        s_Begun.Wait(s_WorkLock);
     }
     return Error;
 }

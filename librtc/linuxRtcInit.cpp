@@ -5,7 +5,6 @@
 #include "linuxRtcNetwork.h"
 #include "orvaneDispatchClient.h"
 #include "orvaneFlexMsg.h"
-#include "orvaneForkInternal.h"
 #include "orvaneImcConfClient.h"
 #include "orvaneLibrtcLog.h"
 #include "orvaneLibrtcMem.h"
@@ -18,15 +17,13 @@
 /* How often the base was started and not yet stopped; under the lock, like each of its starts and
  * stops. */
 static uint16_t gs_RTCInitRef;
-static OV_MUTEX_T gs_RTCRefLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 
-/* The connections are the parent's: a forked child has no base. Another thread, which the child
- * does not have, may have held the lock. */
+/* The connections are the parent's: a forked child has no base. */
 static void _ForgetBase()
 {
-    gs_RTCRefLock = FREE_MUTEX;
     gs_RTCInitRef = 0;
 }
+static constinit FORK_MUTEX gs_RTCRefLock(FORK_RANK_LIFECYCLE, HELD_FOR_LONG, _ForgetBase);
 
 /* How far a start of the base came. */
 struct BASE_STEPS {
@@ -83,7 +80,6 @@ OV_ERR_T OV_RTCBaseInit(const char *)
     const MUTEX_SCOPE Lock(gs_RTCRefLock);
     BASE_STEPS Steps = {};
 
-    WatchForks<_ForgetBase>();
     if (gs_RTCInitRef == UINT16_MAX) {
         return -EOVERFLOW;
     }

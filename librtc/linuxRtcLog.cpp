@@ -1,9 +1,8 @@
 #include "orvaneLibrtcLog.h"
 
 #include "linuxRtc.h"
-#include "orvaneForkInternal.h"
 #include "orvaneLogFile.h"
-#include "orvaneLogStampInternal.h"
+#include "orvaneLogLineInternal.h"
 #include "orvaneSafeStr.h"
 #include "orvaneScope.h"
 
@@ -24,13 +23,8 @@ static const char *const s_AgentLogLevelStr[OV_AGENT_LOG_LEVEL_MAX] = {"DEBUG", 
 static OV_AGENT_LOG s_AgentLog;
 
 /* Serialises the file back end. Recursive: a back end that logs from inside must not deadlock. */
-static OV_MUTEX_T s_AgentLogLock;
-
-/* In a forked child, too: who wrote a line at the fork is not there. */
-static void _MakeLock()
-{
-    OV_MutexInit(&s_AgentLogLock);
-}
+static constinit FORK_MUTEX s_AgentLogLock(FORK_RANK_AGENT_LOG, HELD_FOR_A_MOMENT);
+static bool s_IsTorn; /* the file's last line was cut, by a full disk; under the lock */
 
 OV_AGENT_LOG *OV_AgentLogOps(void)
 {
@@ -71,19 +65,29 @@ static void _OV_AgentGetTimeStr(char (&TimeBuf)[LOG_STAMP_SIZE])
                       Date.tm_min, Date.tm_sec, static_cast<int>(Now.tv_usec / 1000));
 }
 
-/* Opens the file for appending and writes its first line; "e": the shell commands that the
- * library runs are not to inherit the log. The errno of a failed open is left for the caller. */
+static void OV_PRINTF_LIKE(3, 4)
+    _WriteLine(FILE *Stream, const char *Time, const char *Format, ...)
+{
+    va_list Args;
+
+    va_start(Args, Format);
+    _OV_LogLineWrite(Stream, &s_IsTorn, Time, Format, Args);
+    va_end(Args);
+}
+
+/* Opens the file for appending and writes its first line. The errno of a failed open is left for
+ * the caller. Under the lock. */
 static FILE *_OpenLogFile(const char *Path, const char *FirstLine)
 {
     char Time[LOG_STAMP_SIZE];
 
     _OV_AgentGetTimeStr(Time);
-    FILE *Stream = fopen(Path, "ae");
+    FILE *Stream = _OV_LogOpen(Path);
     if (Stream == nullptr) {
         return nullptr;
     }
-    fprintf(Stream, "%s: %s\n", Time, FirstLine);
-    fflush(Stream);
+    s_IsTorn = false;
+    _WriteLine(Stream, Time, ": %s\n", FirstLine);
     return Stream;
 }
 
@@ -93,8 +97,7 @@ static int _OV_AgentFileLogInit(OV_AGENT_LOG *Log)
     OV_ASSERT_AT(Log != nullptr, "(Log->FileLog.Path != ((void *)0))", "linuxRtcLog", 526,
                  __func__);
     const CANCEL_SCOPE Whole; /* the stream is nobody's until it is stored */
-    _MakeLock();
-    WatchForks<_MakeLock>();
+    const MUTEX_SCOPE Lock(s_AgentLogLock);
 
     FILE *Stream = _OpenLogFile(Log->FileLog.Path, "agent log start");
     if (Stream == nullptr) {
@@ -131,8 +134,8 @@ static void _OV_AgentLogFileReCreate(OV_AGENT_LOG *Log)
     _NeedReCreate(Log).store(FALSE);
 }
 
-/* One record goes out in one flush under the lock, so that lines of several threads stay whole;
- * with the file in append mode, lines of several processes too while they fit stdio's buffer. */
+/* One record goes out in one write under the lock, so that lines of several threads stay whole;
+ * with the file in append mode, lines of several processes too. */
 static void OV_PRINTF_LIKE(2, 0)
     _OV_AgentFileLogValist(int /*Level*/, const char *Format, va_list Args)
 {
@@ -148,9 +151,7 @@ static void OV_PRINTF_LIKE(2, 0)
             _OV_AgentLogFileReCreate(&s_AgentLog);
         }
         if (s_AgentLog.FileLog.Fp != nullptr) {
-            fputs(Time, s_AgentLog.FileLog.Fp);
-            vfprintf(s_AgentLog.FileLog.Fp, Format, Args);
-            fflush(s_AgentLog.FileLog.Fp);
+            _OV_LogLineWrite(s_AgentLog.FileLog.Fp, &s_IsTorn, Time, Format, Args);
         }
     }
     errno = CallerErrno;

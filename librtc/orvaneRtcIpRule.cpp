@@ -37,13 +37,13 @@ static int _RuleCacheFill(const LIBNL_SESSION &Session, NL_CACHE_SCOPE *OutCache
     struct nl_cache *Cache = nullptr;
 
     /* What rtnl_rule_alloc_cache does, but for the rules that it loses when it fails half-way. */
-    int NlResult = nl_cache_alloc_name(CACHE_NAME, &Cache);
+    int NlResult = _OV_RTCLibNlCacheAlloc(CACHE_NAME, &Cache);
     if (NlResult < 0) {
         return NlResult;
     }
     NlResult = nl_cache_refill(Session.Sock.get(), Cache);
     if (NlResult < 0) {
-        nl_cache_free(Cache);
+        _OV_RTCLibNlCacheFree(Cache);
         return NlResult;
     }
     _OV_RTCLibNlCacheProvide(CACHE_NAME, Cache);

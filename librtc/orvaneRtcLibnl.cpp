@@ -9,16 +9,48 @@
 #include <netlink/netlink.h>
 #include <netlink/socket.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 /* For a libnl error that has no counterpart; outside the range of errno. */
 static constexpr OV_ERR_T UNKNOWN_NL_ERROR = -254;
 
-/* Guards what this library does with libnl's cache manager, directly or through a rendering. */
-static OV_MUTEX_T s_CacheManagerLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+/* A connected socket, for a forked child to close. */
+struct OPEN_SOCKET {
+    int Descriptor;
+    pthread_t Owner; /* 0: no thread's */
+};
+
+static OPEN_SOCKET *s_OpenSockets; /* all of it under s_LibNlLock */
+static size_t s_OpenCount;
+static size_t s_OpenRoom;
+
+/* A child takes nothing from what its parent waits for. */
+static void _CloseParentsSockets()
+{
+    for (size_t Index = 0; Index < s_OpenCount; Index++) {
+        struct sockaddr_nl Local = {};
+        socklen_t Length = sizeof(Local);
+        const OPEN_SOCKET &Open = s_OpenSockets[Index];
+
+        if (Open.Owner != pthread_self() &&
+            getsockname(Open.Descriptor, reinterpret_cast<struct sockaddr *>(&Local), &Length) ==
+                0 &&
+            Local.nl_family == AF_NETLINK) {
+            close(Open.Descriptor);
+        }
+    }
+    s_OpenCount = 0;
+}
+
+/* Held by whoever is where libnl takes a lock of its own: connecting and freeing sockets, the cache
+ * manager, and renderings, which ask that for the names of links. */
+static constinit FORK_MUTEX s_LibNlLock(FORK_RANK_LIBNL, HELD_FOR_A_MOMENT, _CloseParentsSockets);
 
 /* Where a rendering prints to. The stream is opened by the first one and stays: it is faster than
- * libnl's own buffer, but not if each text opened one. All of it under s_CacheManagerLock. */
+ * libnl's own buffer, but not if each text opened one. All of it under s_LibNlLock. */
 static struct {
     FILE *Stream;
     char StreamBuffer[LIBNL_TEXT_SIZE];
@@ -70,7 +102,7 @@ OV_ERR_T OV_RTCLibNlSockAlloc(struct nl_sock **nlSock)
         OV_LOG_ERROR("nl_socket_alloc failed(ret = %d).", -ENOMEM);
         return -ENOMEM;
     }
-    const int NlError = nl_connect(Sock.get(), NETLINK_ROUTE);
+    const int NlError = _OV_RTCLibNlConnect(Sock.get(), NETLINK_ROUTE, OWNED_BY_THREAD);
     if (NlError < 0) {
         const OV_ERR_T Error = OV_RTCTranslateNlError(NlError);
         OV_LOG_ERROR("nl_connect failed(ovRet = %d nlRet = %d(%s))", Error, NlError,
@@ -81,9 +113,67 @@ OV_ERR_T OV_RTCLibNlSockAlloc(struct nl_sock **nlSock)
     return 0;
 }
 
+/* Without memory a child does not learn of the socket, and has it open. */
+static void _NoteOpen(int Descriptor, LIBNL_OWNER Owner)
+{
+    if (s_OpenCount == s_OpenRoom) {
+        const size_t Room = s_OpenRoom * 2 + 8;
+        void *Grown = realloc(s_OpenSockets, Room * sizeof(*s_OpenSockets));
+
+        if (Grown == nullptr) {
+            return;
+        }
+        s_OpenSockets = static_cast<OPEN_SOCKET *>(Grown);
+        s_OpenRoom = Room;
+    }
+    s_OpenSockets[s_OpenCount++] = {Descriptor, Owner == OWNED_BY_THREAD ? pthread_self() : 0};
+}
+
+static void _NoteClosed(int Descriptor)
+{
+    for (size_t Index = 0; Index < s_OpenCount; Index++) {
+        if (s_OpenSockets[Index].Descriptor == Descriptor) {
+            s_OpenSockets[Index] = s_OpenSockets[--s_OpenCount];
+            return;
+        }
+    }
+}
+
 void OV_RTCLibNlSockFree(struct nl_sock *nlSock)
 {
-    nl_socket_free(nlSock);
+    const CANCEL_SCOPE Whole;
+    const MUTEX_SCOPE Lock(s_LibNlLock);
+
+    if (nlSock != nullptr) {
+        _NoteClosed(nl_socket_get_fd(nlSock));
+        nl_socket_free(nlSock);
+    }
+}
+
+void _OV_RTCLibNlSockLost(const struct nl_sock *Sock)
+{
+    const MUTEX_SCOPE Lock(s_LibNlLock);
+
+    _NoteClosed(nl_socket_get_fd(Sock));
+}
+
+int _OV_RTCLibNlConnect(struct nl_sock *Sock, int Protocol, LIBNL_OWNER Owner)
+{
+    const CANCEL_SCOPE Whole;
+    const MUTEX_SCOPE Lock(s_LibNlLock);
+    const int NlError = nl_connect(Sock, Protocol);
+
+    if (NlError == 0) {
+        _NoteOpen(nl_socket_get_fd(Sock), Owner);
+    }
+    return NlError;
+}
+
+int _OV_RTCLibNlCacheAlloc(const char *Kind, struct nl_cache **Cache)
+{
+    const MUTEX_SCOPE Lock(s_LibNlLock);
+
+    return nl_cache_alloc_name(Kind, Cache);
 }
 
 struct nl_addr *OV_RTCLibNlAddrBuild(int Family, const void *Addr, size_t Size, uint8_t Mask)
@@ -147,7 +237,7 @@ static FILE *_RenderingStream()
 
 const char *_OV_RTCLibNlObjectText(struct nl_object *Object, char (&Text)[LIBNL_TEXT_SIZE])
 {
-    const MUTEX_SCOPE Lock(s_CacheManagerLock); /* libnl takes the names of links from a cache */
+    const MUTEX_SCOPE Lock(s_LibNlLock); /* libnl takes the names of links from a cache */
     struct nl_dump_params Params = {};
 
     memset(Text, 0, sizeof(Text));
@@ -163,7 +253,7 @@ const char *_OV_RTCLibNlObjectText(struct nl_object *Object, char (&Text)[LIBNL_
 
 void _OV_RTCLibNlCacheProvide(const char *Kind, struct nl_cache *Cache)
 {
-    const MUTEX_SCOPE Lock(s_CacheManagerLock);
+    const MUTEX_SCOPE Lock(s_LibNlLock);
 
     /* A second cache would push the first out of its place without dropping its reference. */
     if (nl_cache_mngt_require(Kind) == nullptr) {
@@ -173,7 +263,7 @@ void _OV_RTCLibNlCacheProvide(const char *Kind, struct nl_cache *Cache)
 
 void _OV_RTCLibNlCacheFree(struct nl_cache *Cache)
 {
-    const MUTEX_SCOPE Lock(s_CacheManagerLock);
+    const MUTEX_SCOPE Lock(s_LibNlLock);
 
     nl_cache_mngt_unprovide(Cache); /* does nothing to another one that is in the place */
     nl_cache_free(Cache);

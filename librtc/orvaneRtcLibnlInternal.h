@@ -20,9 +20,19 @@
 #include <netlink/route/route.h>
 #include <netlink/route/rule.h>
 
+/* libnl's own calls take locks that a fork would leave held in the child, and a child has to close
+ * its parent's sockets: the library connects, and frees (OV_RTCLibNlSockFree), by these alone. A
+ * thread that forks keeps the sockets that are its own. Returns what nl_connect does. */
+enum LIBNL_OWNER { OWNED_BY_THREAD, OWNED_BY_MODULE };
+int _OV_RTCLibNlConnect(struct nl_sock *Sock, int Protocol, LIBNL_OWNER Owner);
+
+/* The socket's descriptor was closed by somebody else: it is nobody's to close. */
+void _OV_RTCLibNlSockLost(const struct nl_sock *Sock);
+
 /* libnl's cache manager has one place a kind ("route/rule") for the whole process, and counts
  * references without atomics: these take turns. A cache is offered while the place is free; free
- * takes it back first. */
+ * takes it back first. Alloc returns libnl's error, or 0 and an empty cache. */
+int _OV_RTCLibNlCacheAlloc(const char *Kind, struct nl_cache **Cache);
 void _OV_RTCLibNlCacheProvide(const char *Kind, struct nl_cache *Cache);
 void _OV_RTCLibNlCacheFree(struct nl_cache *Cache);
 

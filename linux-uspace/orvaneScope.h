@@ -9,9 +9,8 @@
 #ifndef ORVANE_SCOPE_H
 #define ORVANE_SCOPE_H
 
-#include "orvanePlatformMutex.h"
+#include "orvaneForkInternal.h"
 #include "orvanePlatformRcu.h"
-#include "orvanePlatformSpinlock.h"
 
 #include <memory>
 #include <signal.h>
@@ -62,16 +61,16 @@ class SIGNAL_SCOPE {
     sigset_t Before;
 };
 
-template <typename LOCK, auto Take, auto GiveBack>
+template <typename LOCK>
 class LOCK_SCOPE {
   public:
     explicit LOCK_SCOPE(LOCK &Lock) : Held(Lock)
     {
-        Take(&Held);
+        Held.Lock();
     }
     ~LOCK_SCOPE()
     {
-        GiveBack(&Held);
+        Held.Unlock();
     }
     LOCK_SCOPE(const LOCK_SCOPE &) = delete;
     LOCK_SCOPE &operator=(const LOCK_SCOPE &) = delete;
@@ -80,9 +79,8 @@ class LOCK_SCOPE {
     LOCK &Held;
 };
 
-using MUTEX_SCOPE = LOCK_SCOPE<OV_MUTEX_T, OV_MutexLock, OV_MutexUnlock>;
-using SPINLOCK_SCOPE = LOCK_SCOPE<OV_SPINLOCK_T, OV_SpinLock_BH, OV_SpinUnlock_BH>;
-using WRITE_LOCK_SCOPE = LOCK_SCOPE<pthread_rwlock_t, pthread_rwlock_wrlock, pthread_rwlock_unlock>;
+using MUTEX_SCOPE = LOCK_SCOPE<FORK_MUTEX>;
+using WRITE_LOCK_SCOPE = LOCK_SCOPE<FORK_RWLOCK>;
 
 class RCU_READ_SCOPE {
   public:

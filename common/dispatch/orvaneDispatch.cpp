@@ -2,6 +2,7 @@
 
 #include "orvaneAssert.h"
 #include "orvaneDispatchInternal.h"
+#include "orvaneForeignInternal.h"
 #include "orvaneMem.h"
 #include "orvaneMemPool.h"
 #include "orvaneSocketInternal.h"
@@ -11,7 +12,6 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <syslog.h>
 #include <unistd.h>
 
 static constexpr uint32_t DESC_SIZE_MIN = 2048;
@@ -186,7 +186,7 @@ OV_ERR_T OV_DispatchPut(OV_DISPATCH_DESC *Desc, const void *Data, int32_t Size)
     const uint64_t End = static_cast<uint64_t>(_End(Desc)) + static_cast<uint32_t>(Size);
     if (End >= Desc->Size) {
         if (Desc->useVmemAlloc) { /* the line number is part of the text */
-            syslog(LOG_WARNING,
+            OV_SYSLOG(LOG_WARNING,
                    "[%s:%d] Use memory from pool, but the size is not enough, bufsize=%u, "
                    "needsize=%d.\n",
                    "OV_DispatchPut", 672, Desc->Size, NEEDED_SIZE);

@@ -1,7 +1,7 @@
 #include "orvaneFlexMsg.h"
 
 #include "orvaneMem.h"
-#include "orvaneScope.h"
+#include "orvaneForeignInternal.h"
 
 #include <algorithm>
 #include <atomic>
@@ -10,7 +10,6 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/types.h>
-#include <syslog.h>
 
 static constexpr const char *MODULE_NAME = "FlexMsg";
 static constexpr size_t INITIAL_SIZE = 4096;
@@ -18,7 +17,7 @@ static constexpr size_t INITIAL_SIZE = 4096;
 /* Both are written under the lock, at starts and stops only. */
 static std::atomic<int32_t> sg_FlexMsgMemId = -1; /* -1: not registered; allocations then fail */
 static uint32_t sg_FlexMsgInitCount;              /* initialisations not yet released */
-static OV_MUTEX_T s_FlexMsgLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+static constinit FORK_MUTEX s_FlexMsgLock(FORK_RANK_FLEX_MSG, HELD_FOR_A_MOMENT);
 
 OV_ERR_T OV_FlexMsgInit(void)
 {
@@ -29,7 +28,7 @@ OV_ERR_T OV_FlexMsgInit(void)
         const int32_t ModId = OV_MemModRegister(MODULE_NAME, strlen(MODULE_NAME));
 
         if (ModId < 0) {
-            syslog(LOG_ERR, "Failed to register %s memory!\n", MODULE_NAME);
+            OV_SYSLOG(LOG_ERR, "Failed to register %s memory!\n", MODULE_NAME);
             return -ENOMEM;
         }
         sg_FlexMsgMemId = ModId;
@@ -57,12 +56,12 @@ void OV_FlexMsgRelease(void)
  * who reads them must not look for that thread. */
 static void _LogAllocFailure()
 {
-    syslog(LOG_ERR, "_OV_ImcConfClientThread alloc memory failed\n");
+    OV_SYSLOG(LOG_ERR, "_OV_ImcConfClientThread alloc memory failed\n");
 }
 
 static void _LogReallocFailure()
 {
-    syslog(LOG_ERR, "_OV_ImcConfClientThread realloc memory failed\n");
+    OV_SYSLOG(LOG_ERR, "_OV_ImcConfClientThread realloc memory failed\n");
 }
 
 /* Zeroed: a message has bytes that nobody writes, such as a header's reserved ones, and it leaves
@@ -163,7 +162,7 @@ static bool _DoubleCapacity(OV_FLEXIBLE_MSG *Msg)
     if (OV_FlexMsgReallocData(Msg, NewSize) == nullptr) {
         return false;
     }
-    syslog(LOG_DEBUG, "realloc maxSize: %zd, pos : %zd\n", static_cast<ssize_t>(Msg->Size),
+    OV_SYSLOG(LOG_DEBUG, "realloc maxSize: %zd, pos : %zd\n", static_cast<ssize_t>(Msg->Size),
            static_cast<ssize_t>(Msg->Pos));
     return true;
 }

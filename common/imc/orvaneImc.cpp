@@ -1,11 +1,10 @@
 #include "orvaneImc.h"
 
-#include "orvaneScope.h"
+#include "orvaneForeignInternal.h"
 #include "orvaneSocketInternal.h"
 
 #include <netinet/in.h>
 #include <string.h>
-#include <syslog.h>
 
 static_assert(sizeof(OV_IMC_REQ_HDR) == 16);
 static_assert(offsetof(OV_IMC_REQ_HDR, Mod) == 0);
@@ -74,16 +73,16 @@ OV_ERR_T OV_ImcConnect(uint32_t Addr, uint16_t Port, OV_SOCKET *Fd)
 
     OV_ERR_T Result = OV_Socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0, &Socket);
     if (Result < 0) {
-        syslog(LOG_ERR, "OV_Socket failed : %s\n", strerror(-Result));
+        OV_SYSLOG(LOG_ERR, "OV_Socket failed : %s\n", strerror(-Result));
         return Result;
     }
-    syslog(LOG_DEBUG, "%s connect 0x%x:%d\n", __func__, Addr, Port);
+    OV_SYSLOG(LOG_DEBUG, "%s connect 0x%x:%d\n", __func__, Addr, Port);
     Peer.sin_family = AF_INET;
     Peer.sin_port = htons(Port);
     Peer.sin_addr.s_addr = htonl(Addr);
     Result = _OV_SocketConnect(Socket, Peer);
     if (Result < 0) {
-        syslog(LOG_ERR, "OV_Connect failed : %s\n", strerror(-Result));
+        OV_SYSLOG(LOG_ERR, "OV_Connect failed : %s\n", strerror(-Result));
         OV_SocketClose(Socket);
         return Result;
     }
@@ -108,7 +107,7 @@ static OV_ERR_T _LoopResult(OV_LEN_ERR_T Result)
 /* Unlike the dispatch sends, each refused one gets its line, also when it is tried again. */
 static bool _IsSendRetried(OV_ERR_T Error)
 {
-    syslog(LOG_ERR, "OV_ImcSendAll failed : %s %d\n", strerror(-Error), Error);
+    OV_SYSLOG(LOG_ERR, "OV_ImcSendAll failed : %s %d\n", strerror(-Error), Error);
     return _IsRetried(Error);
 }
 

@@ -1,27 +1,31 @@
 #include "orvaneImcConfClient.h"
 
-#include "orvaneForkInternal.h"
+#include "orvaneForeignInternal.h"
 #include "orvaneGateInternal.h"
-#include "orvaneScope.h"
 
 #include <memory>
 #include <netinet/in.h>
-#include <new>
 #include <string.h>
-#include <syslog.h>
 #include <utility>
 
 static constexpr uint16_t SERVICE_PORT = 55435;
 
-/* Passed by each call that may use the connection, the lock or a message; open from a start that
- * succeeded to the stop, which waits until nobody needs what it takes away. */
-static GATE sg_ImcConfGate(false);
-
 /* -1: none. Changed by start and stop alone, while nobody is inside the gate. */
 static OV_SOCKET sg_ImcConfSocket = -1;
 
-/* One exchange at a time. */
-static OV_MUTEX_T sg_ImcConfLock;
+/* A forked child has no connection: it is its parent's, which must not lose it. The child may start
+ * anew; the messages' initialisation of before stays counted. */
+static void _ForgetConnection()
+{
+    OV_SocketClose(std::exchange(sg_ImcConfSocket, -1));
+}
+
+/* Passed by each call that may use the connection or a message; a stop waits until nobody needs
+ * what it takes away. */
+static constinit GATE sg_ImcConfGate(GATE::CLOSED_WHEN_NEW, _ForgetConnection);
+
+/* One exchange at a time, for as long as the service takes. */
+static constinit FORK_MUTEX sg_ImcConfLock(FORK_RANK_IMC_EXCHANGE, HELD_FOR_LONG);
 
 struct FLEX_MSG_FREE {
     void operator()(OV_FLEXIBLE_MSG *Msg) const
@@ -33,31 +37,20 @@ using FLEX_MSG_SCOPE = std::unique_ptr<OV_FLEXIBLE_MSG, FLEX_MSG_FREE>;
 
 static OV_ERR_T _OV_ImcConfConnect()
 {
-    syslog(LOG_DEBUG, "_OV_ImcConfConnect connnect to 0x%x:%d\n", INADDR_LOOPBACK, SERVICE_PORT);
+    OV_SYSLOG(LOG_DEBUG, "_OV_ImcConfConnect connnect to 0x%x:%d\n", INADDR_LOOPBACK, SERVICE_PORT);
     return OV_ImcConnect(INADDR_LOOPBACK, SERVICE_PORT, &sg_ImcConfSocket);
-}
-
-/* A forked child has no connection: it is its parent's, which must not lose it. The child may start
- * anew; the messages' initialisation of before stays counted. */
-static void _ForgetParent()
-{
-    new (&sg_ImcConfGate) GATE(false);
-    sg_ImcConfLock = FREE_MUTEX;
-    OV_SocketClose(std::exchange(sg_ImcConfSocket, -1));
 }
 
 static OV_ERR_T _Start()
 {
-    WatchForks<_ForgetParent>();
-    OV_MutexInit(&sg_ImcConfLock);
     OV_ERR_T Result = OV_FlexMsgInit();
     if (Result < 0) {
-        syslog(LOG_ERR, "Failed to OV_FlexMsgInit\n");
+        OV_SYSLOG(LOG_ERR, "Failed to OV_FlexMsgInit\n");
         return Result;
     }
     Result = _OV_ImcConfConnect();
     if (Result < 0) {
-        syslog(LOG_ERR, "Failed to _OV_ImcConfConnect, ret = %d\n", Result);
+        OV_SYSLOG(LOG_ERR, "Failed to _OV_ImcConfConnect, ret = %d\n", Result);
         OV_FlexMsgRelease();
     }
     return Result;
@@ -72,27 +65,26 @@ OV_ERR_T OV_ImcConfClientInit(void)
 
     const OV_ERR_T Result = _Start();
     if (Result == 0) {
-        sg_ImcConfGate.SetOpen(true);
+        sg_ImcConfGate.Commit();
+    } else {
+        sg_ImcConfGate.End();
     }
-    sg_ImcConfGate.EndChange(Result == 0);
     return Result;
 }
 
 void OV_ImcConfClientRelease(void)
 {
     const CANCEL_SCOPE Whole;
-    if (!sg_ImcConfGate.BeginStop(false)) {
+    if (!sg_ImcConfGate.BeginStop()) {
         return;
     }
 
-    sg_ImcConfGate.SetOpen(false);
     shutdown(sg_ImcConfSocket, SHUT_RDWR); /* ends an exchange that waits for a silent service */
     sg_ImcConfGate.WaitUntilEmpty();
     OV_SocketClose(sg_ImcConfSocket);
     sg_ImcConfSocket = -1;
     OV_FlexMsgRelease();
-    OV_MutexDestroy(&sg_ImcConfLock);
-    sg_ImcConfGate.EndChange(false);
+    sg_ImcConfGate.End();
 }
 
 static OV_ERR_T _SendAndReceive(OV_SOCKET Socket, OV_FLEXIBLE_MSG *Msg)
@@ -105,7 +97,7 @@ static OV_ERR_T _SendAndReceive(OV_SOCKET Socket, OV_FLEXIBLE_MSG *Msg)
     OV_FlexMsgResetDataLen(Msg);
     Result = OV_ImcRecvAll(Socket, Msg, sizeof(OV_IMC_REPLY_HDR));
     if (Result < 0) {
-        syslog(LOG_ERR, "Imc recv hdr failed : %d\n", Result);
+        OV_SYSLOG(LOG_ERR, "Imc recv hdr failed : %d\n", Result);
         return Result;
     }
     const uint64_t PayloadBytes = OV_ImcReplyHdr(Msg)->PayloadBytes;
@@ -114,7 +106,7 @@ static OV_ERR_T _SendAndReceive(OV_SOCKET Socket, OV_FLEXIBLE_MSG *Msg)
     }
     Result = OV_ImcRecvAll(Socket, Msg, PayloadBytes);
     if (Result < 0) {
-        syslog(LOG_ERR, "Imc recv payload failed : %d\n", Result);
+        OV_SYSLOG(LOG_ERR, "Imc recv payload failed : %d\n", Result);
     }
     return Result;
 }
@@ -139,7 +131,7 @@ static OV_ERR_T _Configure(OV_FLEXIBLE_MSG *Msg)
 /* Outside the gate there is no connection; code and line are those of a send on none. */
 static OV_ERR_T _RefuseOutside()
 {
-    syslog(LOG_ERR, "OV_ImcSendAll failed : %s %d\n", strerror(EBADF), -EBADF);
+    OV_SYSLOG(LOG_ERR, "OV_ImcSendAll failed : %s %d\n", strerror(EBADF), -EBADF);
     return -EBADF;
 }
 
@@ -169,7 +161,7 @@ static const char *_ErrorText(OV_ERR_T Result)
 
 static void _LogFailure(const IMC_CALL &Call, const char *Step, OV_ERR_T Result)
 {
-    syslog(LOG_ERR, "Failed to %s in %s :%s \n", Step, Call.Function, _ErrorText(Result));
+    OV_SYSLOG(LOG_ERR, "Failed to %s in %s :%s \n", Step, Call.Function, _ErrorText(Result));
 }
 
 static OV_ERR_T _Configured(const IMC_CALL &Call, OV_ERR_T Result)
@@ -203,7 +195,7 @@ static OV_ERR_T _Exchange(const IMC_CALL &Call, TAKE Take)
     }
     const FLEX_MSG_SCOPE Msg(OV_FlexMsgAlloc());
     if (Msg == nullptr) {
-        syslog(LOG_ERR, "Failed to OV_FlexMsgAlloc in %s\n", Call.Function);
+        OV_SYSLOG(LOG_ERR, "Failed to OV_FlexMsgAlloc in %s\n", Call.Function);
         return -ENOMEM;
     }
 
@@ -223,12 +215,12 @@ static OV_ERR_T _CopyReply(const IMC_CALL &Call, const OV_FLEXIBLE_MSG *Msg, voi
     const uint64_t PayloadBytes = OV_ImcReplyHdr(Msg)->PayloadBytes;
 
     if (PayloadBytes == 0) {
-        syslog(LOG_ERR, "the %d(%d) request can't get reply data\n", Call.Mod, Call.OpType);
+        OV_SYSLOG(LOG_ERR, "the %d(%d) request can't get reply data\n", Call.Mod, Call.OpType);
         return -ENODATA;
     }
     if (PayloadBytes > ReplyBytes) {
         memcpy(Reply, OV_ImcReplyPayload(Msg), ReplyBytes);
-        syslog(LOG_ERR, "the %d(%d) reply data is truncated.\n", Call.Mod, Call.OpType);
+        OV_SYSLOG(LOG_ERR, "the %d(%d) reply data is truncated.\n", Call.Mod, Call.OpType);
         return -ENOBUFS;
     }
     memcpy(Reply, OV_ImcReplyPayload(Msg), PayloadBytes);

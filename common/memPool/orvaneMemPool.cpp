@@ -1,15 +1,13 @@
 #include "orvaneMemPool.h"
 
+#include "orvaneForeignInternal.h"
 #include "orvaneMemGuardInternal.h"
-#include "orvanePlatformRcu.h"
 #include "orvaneSafeStr.h"
-#include "orvaneScope.h"
 
 #include <atomic>
 #include <errno.h>
 #include <malloc.h>
 #include <stdlib.h>
-#include <syslog.h>
 
 struct _OV_PERCPU_MEMPOOL {
     std::atomic<uint32_t> BlockNum; /* blocks that are out */
@@ -41,19 +39,11 @@ static_assert(sizeof(MEM_BLOCK_HEADER_S) == 24);
 
 /* Slots are written under sg_MempoolsLock and read under RCU. */
 static std::atomic<OV_MEMPOOL *> sg_Mempools[OV_MEMPOOL_COUNT];
-static OV_SPINLOCK_T sg_MempoolsLock;
-static pthread_once_t sg_MempoolsLockInited = PTHREAD_ONCE_INIT;
+static constinit FORK_SPINLOCK<FORK_RANK_POOLS> sg_MempoolsLock;
 
-static void _InitLock()
+static void _LogFirstUse()
 {
-    OV_SpinlockInit(&sg_MempoolsLock);
-    syslog(LOG_DEBUG, "[%s]\n", "OV_MemPoolCreate");
-}
-
-static OV_SPINLOCK_T *_TableLock()
-{
-    pthread_once(&sg_MempoolsLockInited, _InitLock);
-    return &sg_MempoolsLock;
+    OV_SYSLOG(LOG_DEBUG, "[%s]\n", "OV_MemPoolCreate");
 }
 
 static _OV_PLATFORM_MEMPOOL *OV_MemPoolPlatformCreate(OV_MEMPOOL *Pool, uint32_t /*BlockNum*/)
@@ -109,7 +99,7 @@ static OV_MEMPOOL *_MakePool(const char *Name, size_t BlockSize, uint32_t BlockN
             OV_PlatformMemZeroAlloc(sizeof(_OV_PERCPU_MEMPOOL), 0));
     }
     if (Pool == nullptr || Pool->PerCpuPool == nullptr || _OV_MemGuardedSize(BlockSize) == 0) {
-        syslog(LOG_ERR, "malloc memPool failed, no enough memory.\n");
+        OV_SYSLOG(LOG_ERR, "malloc memPool failed, no enough memory.\n");
         _DiscardPool(Pool);
         return nullptr;
     }
@@ -117,7 +107,7 @@ static OV_MEMPOOL *_MakePool(const char *Name, size_t BlockSize, uint32_t BlockN
     OV_SafeStrCopy(Pool->Name, sizeof(Pool->Name), Name);
     Pool->Pool = OV_MemPoolPlatformCreate(Pool, BlockNum);
     if (Pool->Pool == nullptr) {
-        syslog(LOG_ERR, "Create kmemcache failed.\n");
+        OV_SYSLOG(LOG_ERR, "Create kmemcache failed.\n");
         _DiscardPool(Pool);
         return nullptr;
     }
@@ -131,7 +121,7 @@ static OV_MEMPOOL *_MakePool(const char *Name, size_t BlockSize, uint32_t BlockN
  * *Published tells whether that is the new one. */
 static int32_t _Publish(OV_MEMPOOL *New, size_t NameSize, bool *Published)
 {
-    const SPINLOCK_SCOPE Lock(*_TableLock());
+    const LOCK_SCOPE Lock(sg_MempoolsLock);
     int32_t Free = -1;
 
     *Published = false;
@@ -155,8 +145,10 @@ static int32_t _Publish(OV_MEMPOOL *New, size_t NameSize, bool *Published)
 int32_t OV_MemPoolCreate(const char *Name, size_t NameSize, size_t BlockSize, uint32_t BlockNum,
                          OV_GFP_T GfpMask)
 {
+    static pthread_once_t IsUsed = PTHREAD_ONCE_INIT;
     const CANCEL_SCOPE Whole; /* a published pool must reach who asked for it */
-    _TableLock();             /* a refused creation, too, is the first use */
+
+    pthread_once(&IsUsed, _LogFirstUse); /* a refused creation, too, is the first use */
     if (Name == nullptr || NameSize > OV_MEMPOOL_NAME_SIZE) {
         return -EINVAL;
     }
@@ -175,7 +167,7 @@ int32_t OV_MemPoolCreate(const char *Name, size_t NameSize, size_t BlockSize, ui
     if (!Published) {
         _DiscardPool(New);
     }
-    syslog(LOG_DEBUG, "mempool creat success,id=%d,name=%s\n", Id, PoolName);
+    OV_SYSLOG(LOG_DEBUG, "mempool creat success,id=%d,name=%s\n", Id, PoolName);
     return Id;
 }
 
@@ -183,15 +175,18 @@ void OV_MemPoolDestroy(int32_t Id)
 {
     /* No check of the range: the one that the interface has (below 0 and above 31 at once) never
      * refuses, and what destroys a pool must be its owner, who has a valid id. */
+    const CANCEL_SCOPE Whole; /* the pool is nobody else's any more */
     OV_MEMPOOL *Pool = nullptr;
     {
-        const SPINLOCK_SCOPE Lock(*_TableLock());
+        const LOCK_SCOPE Lock(sg_MempoolsLock);
         Pool = sg_Mempools[Id].exchange(nullptr);
     }
     if (OV_IS_ERR_OR_NULL(Pool)) {
         return;
     }
-    OV_SynchronizeRcu();
+    if (!_OV_RcuWaitForReaders()) {
+        return; /* a reader may still see it: it stays */
+    }
     OV_MemPoolPlatformDestroy(Pool->Pool);
     _DiscardPool(Pool);
 }
@@ -237,40 +232,69 @@ void *OV_MemPoolZeroAlloc(int32_t Id)
     return _AllocFrom(Id, true);
 }
 
+/* What is wrong with a block, and the pool's name: read before the block is released. */
+struct BLOCK_DAMAGE {
+    MEM_GUARDS Found;
+    uint32_t Size;
+    char PoolName[OV_MEMPOOL_NAME_SIZE];
+};
+
 /* Kept out of the way of the frees that find nothing. */
-static void __attribute__((cold, noinline)) _ReportDamage(int32_t Id, const char *Name, void *Ptr)
+static void __attribute__((cold, noinline))
+_ReadDamage(void *Ptr, const char *PoolName, BLOCK_DAMAGE *Damage)
 {
-    const CANCEL_SCOPE Whole; /* the block is about to be released */
     const _OV_MEM_PREFIX *Prefix = _OV_MemPrefix(Ptr);
     MEM_BLOCK_HEADER_S *Header = reinterpret_cast<MEM_BLOCK_HEADER_S *>(_OV_MemPrefix(Ptr)) - 1;
-    const size_t Room = malloc_usable_size(Header) - sizeof(*Header);
-    const MEM_GUARDS Found = _OV_MemGuardsOf(Prefix, Room);
 
-    if (Found.State == MEM_GUARDS::PREFIX_DAMAGED) {
-        syslog(LOG_ERR, "MODULE %s[%d] memory was overflowed, size=%u, Canary=0x%x\n", Name, Id,
-               Prefix->Size, Found.Canary);
-    } else if (Found.State == MEM_GUARDS::SUFFIX_DAMAGED) {
-        syslog(LOG_ERR, "MODULE %s[%d] overflow other memory, size=%u\n", Name, Id, Prefix->Size);
+    Damage->Found = _OV_MemGuardsOf(Prefix, malloc_usable_size(Header) - sizeof(*Header));
+    Damage->Size = Prefix->Size;
+    OV_SafeStrCopy(Damage->PoolName, sizeof(Damage->PoolName), PoolName);
+}
+
+static void __attribute__((cold, noinline)) _ReportDamage(int32_t Id, const BLOCK_DAMAGE &Damage)
+{
+    if (Damage.Found.State == MEM_GUARDS::PREFIX_DAMAGED) {
+        OV_SYSLOG(LOG_ERR, "MODULE %s[%d] memory was overflowed, size=%u, Canary=0x%x\n",
+                  Damage.PoolName, Id, Damage.Size, Damage.Found.Canary);
+    } else if (Damage.Found.State == MEM_GUARDS::SUFFIX_DAMAGED) {
+        OV_SYSLOG(LOG_ERR, "MODULE %s[%d] overflow other memory, size=%u\n", Damage.PoolName, Id,
+                  Damage.Size);
     }
 }
 
-void OV_MemPoolFree(int32_t Id, void *Ptr)
+/* true: there is something to report. A block whose pool is gone stays lost, and is looked at all
+ * the same. */
+static bool _Release(int32_t Id, void *Ptr, BLOCK_DAMAGE *Damage)
 {
-    if (Id < 0 || Id >= OV_MEMPOOL_COUNT || Ptr == nullptr) {
-        return;
-    }
-
     const RCU_READ_SCOPE Reading;
     OV_MEMPOOL *Pool = _Pool(Id);
     if (Pool == nullptr) {
-        _ReportDamage(Id, "", Ptr); /* a block that stays lost is looked at all the same */
-        return;
+        _ReadDamage(Ptr, "", Damage);
+        return true;
     }
-    if (!_OV_MemIsIntact(_OV_MemPrefix(Ptr), _OV_MemGuardedSize(Pool->BlockSize))) {
-        _ReportDamage(Id, Pool->Name, Ptr);
+
+    const bool IsIntact =
+        _OV_MemIsIntact(_OV_MemPrefix(Ptr), _OV_MemGuardedSize(Pool->BlockSize));
+    if (!IsIntact) {
+        _ReadDamage(Ptr, Pool->Name, Damage);
     }
     Pool->PerCpuPool->BlockNum--;
     OV_MemPooLPlatformFree(_OV_MemPrefix(Ptr));
+    return !IsIntact;
+}
+
+/* The report waits until the read section is over: the system log may take its time, and a
+ * destruction waits for readers. */
+void OV_MemPoolFree(int32_t Id, void *Ptr)
+{
+    BLOCK_DAMAGE Damage;
+
+    if (Id < 0 || Id >= OV_MEMPOOL_COUNT || Ptr == nullptr) {
+        return;
+    }
+    if (_Release(Id, Ptr, &Damage)) {
+        _ReportDamage(Id, Damage);
+    }
 }
 
 void OV_MemPoolUsageById(int32_t Id, MEMPOOL_INFO *Info)

@@ -1,9 +1,8 @@
 #include "orvaneMem.h"
 
-#include "orvaneForkInternal.h"
+#include "orvaneForeignInternal.h"
 #include "orvaneMemGuardInternal.h"
 #include "orvaneMemInternal.h"
-#include "orvanePlatformSpinlock.h"
 #include "orvaneSafeStr.h"
 #include "orvaneScope.h"
 
@@ -12,7 +11,6 @@
 #include <errno.h>
 #include <malloc.h>
 #include <stdlib.h>
-#include <syslog.h>
 
 static constexpr size_t BIG_SIZE = 8191; /* a block above it is worth a warning */
 
@@ -22,37 +20,30 @@ static constexpr uint32_t PRINTED_BIG_SIZE_LOG = 2;
 
 /* Each on a cache line of its own: modules allocate on different threads. */
 struct alignas(64) _OV_MEM_USEAGE {
-    OV_SPINLOCK_T Lock;          /* guards all but State */
+    FORK_SPINLOCK<FORK_RANK_MEMORY_MODULE> Lock; /* guards all but State */
     std::atomic<uint32_t> State; /* written under the lock, read without it as well */
     char Name[OV_MEM_NAME_SIZE];
     int32_t MemCounter;
     int32_t MemUsage;
     int32_t VmemCounter;
     int32_t VmemUsage;
+    int32_t InheritedMem; /* a forked child's blocks of before, which belong to nobody in it */
+    int32_t InheritedVmem;
 };
 
 /* The index is the module's id. Slots are taken and given back under g_MemMutex. */
-static _OV_MEM_USEAGE g_TraceMem[OV_MEM_MODULE_COUNT];
+static constinit _OV_MEM_USEAGE g_TraceMem[OV_MEM_MODULE_COUNT] = {};
 
-static OV_MUTEX_T g_MemMutex;
-static pthread_once_t sg_MutexInitialized = PTHREAD_ONCE_INIT;
-
-/* The slots' locks, too: a report reads every slot, whoever registers meanwhile. */
-static void _InitLocks()
+/* A child has its parent's modules and accounts. What other threads of the parent held is nobody's
+ * in it, and no leak of its own. */
+static void _NoteInherited()
 {
-    OV_MutexInit(&g_MemMutex);
     for (_OV_MEM_USEAGE &Module : g_TraceMem) {
-        OV_SpinlockInit(&Module.Lock);
+        Module.InheritedMem = Module.MemCounter;
+        Module.InheritedVmem = Module.VmemCounter;
     }
 }
-
-/* Made by whoever comes first; two modules may register at once. */
-static OV_MUTEX_T &_TableMutex()
-{
-    pthread_once(&sg_MutexInitialized, _InitLocks);
-    WatchForks<_InitLocks>();
-    return g_MemMutex;
-}
+static constinit FORK_MUTEX g_MemMutex(FORK_RANK_MEMORY_MODULES, HELD_FOR_A_MOMENT, _NoteInherited);
 
 BOOL OV_MemIsModRegistered(int32_t ModId)
 {
@@ -63,7 +54,7 @@ BOOL OV_MemIsModRegistered(int32_t ModId)
 static int32_t _RegisterIn(int32_t ModId, const char *ModName)
 {
     _OV_MEM_USEAGE &Module = g_TraceMem[ModId];
-    const SPINLOCK_SCOPE Lock(Module.Lock);
+    const LOCK_SCOPE Lock(Module.Lock);
 
     OV_SafeStrCopy(Module.Name, sizeof(Module.Name), ModName);
     /* Marked as warned from the start, and meant so: a registered module is never warned of a big
@@ -78,7 +69,7 @@ int32_t OV_MemModRegister(const char *ModName, size_t NameLen)
         return -EINVAL;
     }
 
-    const MUTEX_SCOPE Lock(_TableMutex());
+    const MUTEX_SCOPE Lock(g_MemMutex);
     int32_t Free = -1;
     for (int32_t ModId = 0; ModId < OV_MEM_MODULE_COUNT; ModId++) {
         const char *Name = g_TraceMem[ModId].Name;
@@ -92,10 +83,16 @@ int32_t OV_MemModRegister(const char *ModName, size_t NameLen)
     return Free < 0 ? -EINVAL : _RegisterIn(Free, ModName);
 }
 
+/* Blocks below zero have been freed in the wrong module. */
+static bool _IsLeak(int32_t Blocks, int32_t Inherited)
+{
+    return Blocks < 0 || Blocks > Inherited;
+}
+
 void OV_MemModUnRegister(int32_t ModId)
 {
     const CANCEL_SCOPE Whole;
-    const MUTEX_SCOPE Lock(_TableMutex());
+    const MUTEX_SCOPE Lock(g_MemMutex);
     if (!OV_MemIsModRegistered(ModId)) {
         return;
     }
@@ -103,19 +100,21 @@ void OV_MemModUnRegister(int32_t ModId)
     _OV_MEM_USEAGE &Module = g_TraceMem[ModId];
     OV_USEAGE_INFO Left = {};
     OV_MemGetUsage(ModId, &Left);
-    if (Left.MemCounter != 0 || Left.VmemCounter != 0) {
-        syslog(LOG_WARNING,
-               "MODULE[%s] unregister with memory leak(MemCounter %d, MemUsage %d, VmemCounter %d, "
-               "VmemUsage %d).\n",
-               Left.Name, Left.MemCounter, Left.MemUsage, Left.VmemCounter, Left.VmemUsage);
+    if (_IsLeak(Left.MemCounter, Module.InheritedMem) ||
+        _IsLeak(Left.VmemCounter, Module.InheritedVmem)) {
+        OV_SYSLOG(LOG_WARNING,
+                  "MODULE[%s] unregister with memory leak(MemCounter %d, MemUsage %d, VmemCounter "
+                  "%d, VmemUsage %d).\n",
+                  Left.Name, Left.MemCounter, Left.MemUsage, Left.VmemCounter, Left.VmemUsage);
     }
 
     /* The lock stays usable: whoever still counts in a module that goes must not spin for ever. */
-    const SPINLOCK_SCOPE Counters(Module.Lock);
+    const LOCK_SCOPE Counters(Module.Lock);
     Module.State.store(0, std::memory_order_release);
     memset(Module.Name, 0, sizeof(Module.Name));
     Module.MemCounter = Module.MemUsage = 0;
     Module.VmemCounter = Module.VmemUsage = 0;
+    Module.InheritedMem = Module.InheritedVmem = 0;
 }
 
 /* Usage is kept modulo 2^32, so that a damaged size moves it by no more than it says. */
@@ -123,7 +122,7 @@ static void _Charge(int32_t ModId, int32_t _OV_MEM_USEAGE::*Counter, int32_t Blo
                     int32_t _OV_MEM_USEAGE::*Usage, uint32_t Bytes)
 {
     _OV_MEM_USEAGE &Module = g_TraceMem[ModId];
-    const SPINLOCK_SCOPE Lock(Module.Lock);
+    const LOCK_SCOPE Lock(Module.Lock);
 
     Module.*Counter += Blocks;
     Module.*Usage = static_cast<int32_t>(static_cast<uint32_t>(Module.*Usage) + Bytes);
@@ -165,7 +164,7 @@ static void _OV_MemCheckBigSize(int32_t ModId, size_t Size)
 
     if (Size > BIG_SIZE && (Module.State.load() & PRINTED_BIG_SIZE_LOG) == 0 &&
         (Module.State.fetch_or(PRINTED_BIG_SIZE_LOG) & PRINTED_BIG_SIZE_LOG) == 0) {
-        syslog(LOG_WARNING, "MODULE[%s] attempt to malloc big size(%zd) memory.\n", Module.Name,
+        OV_SYSLOG(LOG_WARNING, "MODULE[%s] attempt to malloc big size(%zd) memory.\n", Module.Name,
                static_cast<ssize_t>(Size));
     }
 }
@@ -209,10 +208,10 @@ _ReportDamage(int32_t ModId, const char *Operation, void *Ptr, const MEM_GUARDS 
     const uint32_t Size = _OV_MemPrefix(Ptr)->Size;
 
     if (Found.State == MEM_GUARDS::PREFIX_DAMAGED) {
-        syslog(LOG_ERR, "MODULE[%s]%s mem %p, prefix is corrupt(0x%X -> 0x%X), size=%u\n", Name,
+        OV_SYSLOG(LOG_ERR, "MODULE[%s]%s mem %p, prefix is corrupt(0x%X -> 0x%X), size=%u\n", Name,
                Operation, Ptr, MEM_PREFIX_CANARY, Found.Canary, Size);
     } else {
-        syslog(LOG_ERR, "MODULE[%s]%s mem %p, suffix is corrupt(0x%X -- > 0x%X), size=%u\n", Name,
+        OV_SYSLOG(LOG_ERR, "MODULE[%s]%s mem %p, suffix is corrupt(0x%X -- > 0x%X), size=%u\n", Name,
                Operation, Ptr, MEM_SUFFIX_CANARY, Found.Canary, Size);
     }
 }
@@ -348,7 +347,7 @@ void OV_MemGetUsage(int32_t ModId, OV_USEAGE_INFO *Info)
         return;
     }
     _OV_MEM_USEAGE &Module = g_TraceMem[ModId];
-    const SPINLOCK_SCOPE Lock(Module.Lock);
+    const LOCK_SCOPE Lock(Module.Lock);
 
     if (Module.State.load() == 0) {
         return; /* the module went meanwhile */

@@ -1,15 +1,13 @@
 #include "orvaneDispatchClient.h"
 
 #include "orvaneDispatchInternal.h"
-#include "orvaneForkInternal.h"
+#include "orvaneForeignInternal.h"
 #include "orvaneGateInternal.h"
 #include "orvaneMemInternal.h"
-#include "orvaneScope.h"
 #include "orvaneSocketInternal.h"
 #include "orvaneThread.h"
 
 #include <arpa/inet.h>
-#include <new>
 #include <stdlib.h>
 #include <utility>
 
@@ -21,7 +19,7 @@ static constexpr uint32_t NOTIFY_DESC_SIZE = 2048;
 
 /* Every line of this module begins with where it was written. */
 #define DISPATCH_LOG(Priority, Format, ...) \
-    syslog(Priority, "[%s:%d]" Format "\n", __func__, __LINE__, ##__VA_ARGS__)
+    OV_SYSLOG(Priority, "[%s:%d]" Format "\n", __func__, __LINE__, ##__VA_ARGS__)
 
 /* A connection in the making: a stop ends it, and lets none begin after it. */
 struct CONNECT_ATTEMPT {
@@ -43,23 +41,25 @@ struct _OV_DISPATCH_NOTIFY_ENTRY {
 };
 
 /* Held for one exchange, for as long as the server takes. Made by the start. */
-static OV_MUTEX_T g_ConfigMutexLock;
+static constinit FORK_MUTEX g_ConfigMutexLock(FORK_RANK_DISPATCH_EXCHANGE, HELD_FOR_LONG);
 
 /* Held for one push, for as long as the server takes to read it; and by whoever closes notification
  * connections, so that no push writes to a number that has become somebody else's. */
-static OV_MUTEX_T s_PushLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+static constinit FORK_MUTEX s_PushLock(FORK_RANK_DISPATCH_PUSH, HELD_FOR_LONG);
 
 /* Guards what follows; never held while anything waits for the server. Taken after either of the
  * two above. */
-static OV_MUTEX_T s_StateLock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
-static pthread_cond_t s_ThreadEnded = PTHREAD_COND_INITIALIZER;
+static void _ForgetParent();
+static constinit FORK_MUTEX s_StateLock(FORK_RANK_DISPATCH_STATE, HELD_FOR_A_MOMENT,
+                                        _ForgetParent);
+static constinit FORK_CONDITION s_ThreadEnded;
 static OV_SOCKET g_DispatchConfigSock = -1; /* changed by who exchanges, or start and stop */
 static CONNECT_ATTEMPT s_ConfigAttempt = {-1, false};
 static _OV_DISPATCH_NOTIFY_ENTRY *g_DispatchNotify; /* null: no notification thread */
 
 /* Exchanges pass it: also before the first start, but not from a stop, or a start that failed, to
  * the next start. */
-static GATE s_ConfigGate(true);
+static constinit GATE s_ConfigGate(GATE::OPEN_WHEN_NEW, nullptr);
 
 /* Changed by compare-and-swap alone, read without a lock. */
 static std::atomic<OV_DISPATCH_FUNC> g_DispatchClientFunc[UINT8_MAX + 1];
@@ -109,13 +109,13 @@ static OV_ERR_T _OV_DispatchConnect(const char *IpAddr, uint16_t Port, CONNECT_A
     OV_ERR_T Error = OV_Socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0, &Sock);
     DESCRIPTOR_SCOPE Opened(Sock);
     if (Error < 0) {
-        syslog(LOG_ERR, "[%s:%d]Fail to create socket! retcode=%d\n", FUNCTION, 89, Error);
+        OV_SYSLOG(LOG_ERR, "[%s:%d]Fail to create socket! retcode=%d\n", FUNCTION, 89, Error);
         return Error;
     }
     errno = EINVAL; /* a text that is no address leaves errno alone */
     if (inet_pton(AF_INET, IpAddr, &Server.sin_addr) != 1) {
         Error = -errno;
-        syslog(LOG_ERR, "[%s:%d]Fail to convert ip address!\n", FUNCTION, 97);
+        OV_SYSLOG(LOG_ERR, "[%s:%d]Fail to convert ip address!\n", FUNCTION, 97);
         return Error;
     }
     Server.sin_family = AF_INET;
@@ -126,7 +126,7 @@ static OV_ERR_T _OV_DispatchConnect(const char *IpAddr, uint16_t Port, CONNECT_A
     }
     Error = _OV_SocketConnect(Sock, Server);
     if (Error < 0) {
-        syslog(LOG_ERR, "[%s:%d]Fail to connect to server %s:%u! retcode=%d\n", FUNCTION, 105,
+        OV_SYSLOG(LOG_ERR, "[%s:%d]Fail to connect to server %s:%u! retcode=%d\n", FUNCTION, 105,
                IpAddr, static_cast<unsigned>(Port), Error);
         return Error;
     }
@@ -202,6 +202,7 @@ static OV_ERR_T _ReconnectNotify(_OV_DISPATCH_NOTIFY_ENTRY *Entry)
 static void _Deliver(OV_DISPATCH_DESC *Desc)
 {
     const OV_DISPATCH_FUNC Func = OV_DispatchClientGetModuleFunc(OV_DispatchHeader(Desc)->Module);
+    const RCU_READER_SCOPE Reader;
 
     if (Func != nullptr) {
         Func(Desc);
@@ -236,7 +237,7 @@ static void _EndNotify(_OV_DISPATCH_NOTIFY_ENTRY *Entry)
     }
     OV_DispatchFreeDesc(Entry->Desc);
     Entry->IsEnded = true;
-    pthread_cond_signal(&s_ThreadEnded);
+    s_ThreadEnded.WakeAll();
 }
 
 static void *_OV_DispatchNotifyClientThread(void *Arg)
@@ -245,7 +246,6 @@ static void *_OV_DispatchNotifyClientThread(void *Arg)
     auto *Entry = static_cast<_OV_DISPATCH_NOTIFY_ENTRY *>(Arg);
 
     s_OwnEntry = Entry;
-    OV_RcuRegisterThread();
     Entry->Desc = OV_DispatchAllocDesc(NOTIFY_DESC_SIZE);
     if (Entry->Desc == nullptr) {
         DISPATCH_LOG(LOG_ERR, "Fail to allocate memory");
@@ -264,7 +264,6 @@ static void *_OV_DispatchNotifyClientThread(void *Arg)
         }
     }
     _EndNotify(Entry);
-    OV_RcuUnregisterThread();
     return nullptr;
 }
 
@@ -283,7 +282,7 @@ static OV_ERR_T _RunNotifyThread(_OV_DISPATCH_NOTIFY_ENTRY *Entry)
     pthread_attr_destroy(&Attr);
     if (Error >= 0) {
         g_DispatchNotify = Entry;
-        s_ConfigGate.EndChange(true);
+        s_ConfigGate.Commit();
     }
     return Error;
 }
@@ -291,7 +290,6 @@ static OV_ERR_T _RunNotifyThread(_OV_DISPATCH_NOTIFY_ENTRY *Entry)
 /* Whatever waits for the server wakes with an error, and nothing new begins to wait. */
 static void _EndWaits()
 {
-    s_ConfigGate.SetOpen(false);
     {
         const MUTEX_SCOPE State(s_StateLock);
 
@@ -312,11 +310,6 @@ static void _EndWaits()
  * anew. The module's blocks of before stay charged. */
 static void _ForgetParent()
 {
-    static constexpr pthread_cond_t FREE_COND = PTHREAD_COND_INITIALIZER;
-
-    g_ConfigMutexLock = s_PushLock = s_StateLock = FREE_MUTEX;
-    s_ThreadEnded = FREE_COND;
-    new (&s_ConfigGate) GATE(true);
     OV_SocketClose(std::exchange(g_DispatchConfigSock, -1));
     s_ConfigAttempt = {-1, false};
 
@@ -333,11 +326,9 @@ static void _ForgetParent()
 
 static OV_ERR_T _Register()
 {
-    WatchForks<_ForgetParent>();
     /* Exchanges may have passed before the first start: their lock and connection are made anew. */
     _EndWaits();
     _CloseConfig();
-    OV_MutexInit(&g_ConfigMutexLock);
     const int32_t ModId = OV_MemModRegister(MODULE_NAME, strlen(MODULE_NAME));
     if (ModId < 0) {
         return ModId;
@@ -347,7 +338,6 @@ static OV_ERR_T _Register()
         const MUTEX_SCOPE State(s_StateLock);
         s_ConfigAttempt.IsForbidden = false;
     }
-    s_ConfigGate.SetOpen(true);
     return 0;
 }
 
@@ -363,8 +353,7 @@ static void _CloseAll()
 {
     _CloseConfig();
     _Unregister();
-    OV_MutexDestroy(&g_ConfigMutexLock);
-    s_ConfigGate.EndChange(false);
+    s_ConfigGate.End();
 }
 
 /* What both starts begin with; its lines are those of the start at Function and Line. */
@@ -373,13 +362,13 @@ static OV_ERR_T _StartConfig(const char *Function, int Line)
     OV_ERR_T Error = _Register();
 
     if (Error < 0) {
-        syslog(LOG_ERR, "[%s:%d]failed to register dispatch memory! retcode=%d\n", Function, Line,
+        OV_SYSLOG(LOG_ERR, "[%s:%d]failed to register dispatch memory! retcode=%d\n", Function, Line,
                Error);
         return Error;
     }
     Error = _ConnectConfig();
     if (Error < 0) {
-        syslog(LOG_ERR, "[%s:%d]Fail to connect to server! retcode=%d\n", Function, Line, Error);
+        OV_SYSLOG(LOG_ERR, "[%s:%d]Fail to connect to server! retcode=%d\n", Function, Line, Error);
     }
     return Error;
 }
@@ -392,7 +381,7 @@ static OV_ERR_T _EndStart(OV_ERR_T Error)
         _CloseAll();
         return Error;
     }
-    syslog(LOG_INFO, "Dispath Client loaded!\n");
+    OV_SYSLOG(LOG_INFO, "Dispath Client loaded!\n");
     return 0;
 }
 
@@ -407,14 +396,14 @@ static OV_ERR_T _StartNotify(const char *Function)
         Error = _OV_DispatchConnect(SERVER_ADDRESS, NOTIFY_PORT, &Entry->Attempt, &Entry->Sock);
     }
     if (Error < 0) {
-        syslog(LOG_ERR, "[%s:%d]failed to connect notify server! retcode=%d\n", Function, __LINE__,
+        OV_SYSLOG(LOG_ERR, "[%s:%d]failed to connect notify server! retcode=%d\n", Function, __LINE__,
                Error);
         free(Entry);
         return Error;
     }
     Error = _RunNotifyThread(Entry);
     if (Error < 0) {
-        syslog(LOG_ERR, "[%s:%d]failed to create notify server! retcode=%d\n", Function, __LINE__,
+        OV_SYSLOG(LOG_ERR, "[%s:%d]failed to create notify server! retcode=%d\n", Function, __LINE__,
                Error);
         OV_SocketClose(Entry->Sock);
         free(Entry);
@@ -445,7 +434,7 @@ OV_ERR_T OV_DispatchClientInitNoNotify(void)
 
     const OV_ERR_T Error = _StartConfig(__func__, __LINE__);
     if (Error >= 0) {
-        s_ConfigGate.EndChange(true);
+        s_ConfigGate.Commit();
     }
     return _EndStart(Error);
 }
@@ -467,7 +456,7 @@ static void _StopNotify()
         return;
     }
     while (!Entry->IsEnded) {
-        pthread_cond_wait(&s_ThreadEnded, &s_StateLock);
+        s_ThreadEnded.Wait(s_StateLock);
     }
     free(Entry);
 }
@@ -476,13 +465,13 @@ void OV_DispatchClientExit(void)
 {
     const CANCEL_SCOPE Whole;
 
-    if (!s_ConfigGate.BeginStop(true)) {
+    if (!s_ConfigGate.BeginStopOfAny()) {
         return; /* a handler stops what is being stopped, and waited for */
     }
     _EndWaits();
     _StopNotify();
     _CloseAll();
-    syslog(LOG_INFO, "Dispath Client unloaded!\n");
+    OV_SYSLOG(LOG_INFO, "Dispath Client unloaded!\n");
 }
 
 /* The lock is held until a broken connection is closed, so that nobody else's exchange begins on

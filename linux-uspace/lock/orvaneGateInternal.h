@@ -1,96 +1,94 @@
 /*
- * A gate before what a service's stop takes away: callers pass while it is open; who stops closes
- * it, ends what the callers wait for, and then waits until they have left. A caller that is inside
- * is turned back like any other when it comes again.
+ * A gate before what a service's stop takes away: callers pass while the service runs; who stops it
+ * ends what the callers wait for, and then waits until they have left. The state alone says whether
+ * the gate is open, so that nobody gets in before a start is complete:
  *
- * The gate also sees to it that one start or stop is made at a time. Whoever calls it has put off
- * the cancellation of its thread.
+ *                 BeginStart             Commit             BeginStop
+ *   NEW, STOPPED ------------> STARTING --------> RUNNING ------------> STOPPING
+ *                                 |                                        |
+ *                                 +----------------> STOPPED <-------------+
+ *                                       End                      End
+ *
+ * One start or stop is made at a time. Whoever makes one has put off the cancellation of its
+ * thread. A forked child gets the gate new and empty; a caller that was inside leaves nothing.
  */
 #ifndef ORVANE_GATE_INTERNAL_H
 #define ORVANE_GATE_INTERNAL_H
 
-#include <pthread.h>
-#include <stdint.h>
+#include "orvaneForkInternal.h"
 
-class GATE {
+/* Counts who is inside of something, for who has to see them out. */
+class VISITORS : private FORK_NODE {
   public:
-    explicit constexpr GATE(bool StartsOpen) : Open(StartsOpen) {}
+    constexpr VISITORS() = default;
+    VISITORS(const VISITORS &) = delete;
+    VISITORS &operator=(const VISITORS &) = delete;
 
-    void SetOpen(bool NewOpen)
-    {
-        pthread_mutex_lock(&Lock);
-        Open = NewOpen;
-        pthread_mutex_unlock(&Lock);
-    }
-    /* Claim the right to start or to stop, until EndChange; false when another has it, and when
-     * there is nothing to start. A stop of what is stopped is granted only where it is asked for.
-     */
-    bool BeginStart()
-    {
-        return BeginChange(STOPPED, STOPPED);
-    }
-    bool BeginStop(bool AlsoWhenStopped)
-    {
-        return BeginChange(RUNNING, AlsoWhenStopped ? STOPPED : RUNNING);
-    }
-    void EndChange(bool IsRunning)
-    {
-        pthread_mutex_lock(&Lock);
-        State = IsRunning ? RUNNING : STOPPED;
-        pthread_mutex_unlock(&Lock);
-    }
-    bool Enter()
-    {
-        pthread_mutex_lock(&Lock);
-        const bool IsIn = Open;
-        Inside += IsIn ? 1 : 0;
-        pthread_mutex_unlock(&Lock);
-        return IsIn;
-    }
-    void Leave()
-    {
-        pthread_mutex_lock(&Lock);
-        Inside--;
-        pthread_cond_broadcast(&Left);
-        pthread_mutex_unlock(&Lock);
-    }
+    /* Returns what Leave is to be told. */
+    unsigned Enter();
+    /* After a fork it does nothing in the child: the child's count began anew. */
+    void Leave(unsigned Ticket);
     /* Not to be called from inside. */
-    void WaitUntilEmpty()
-    {
-        pthread_mutex_lock(&Lock);
-        while (Inside != 0) {
-            pthread_cond_wait(&Left, &Lock);
-        }
-        pthread_mutex_unlock(&Lock);
-    }
+    void WaitUntilEmpty();
 
   private:
-    enum STATE { STOPPED, CHANGING, RUNNING };
+    static const FORK_KIND KIND;
+    static void Free(FORK_NODE *Node);
 
-    bool BeginChange(STATE From, STATE OrFrom)
+    FORK_MUTEX CountLock{FORK_RANK_VISITORS, HELD_FOR_A_MOMENT};
+    FORK_CONDITION Left;
+    unsigned Inside = 0;
+    unsigned Generation = 0; /* how many forks lie between this process and the first */
+};
+
+class GATE : private FORK_NODE {
+  public:
+    enum NEW_STATE { OPEN_WHEN_NEW, CLOSED_WHEN_NEW };
+    /* GateInChild puts right, in a forked child, what the gate stands before. */
+    constexpr GATE(NEW_STATE OpenOrNot, void (*GateInChild)())
+        : WhenNew(OpenOrNot), InItsChild(GateInChild)
     {
-        pthread_mutex_lock(&Lock);
-        const bool Granted = State == From || State == OrFrom;
-        State = Granted ? CHANGING : State;
-        pthread_mutex_unlock(&Lock);
-        return Granted;
     }
+    GATE(const GATE &) = delete;
+    GATE &operator=(const GATE &) = delete;
 
-    pthread_mutex_t Lock = PTHREAD_MUTEX_INITIALIZER;
-    pthread_cond_t Left = PTHREAD_COND_INITIALIZER;
-    STATE State = STOPPED;
-    bool Open;
-    uint32_t Inside = 0;
+    /* Claim the right to start or to stop, until Commit or End; false when another has it, or
+     * when there is nothing to start or to stop. From then on nobody gets in. */
+    bool BeginStart();
+    bool BeginStop();
+    /* The stop of a service that may never have been started: false only while another start or
+     * stop is being made. */
+    bool BeginStopOfAny();
+    /* Ends a start that is complete: the gate opens. */
+    void Commit();
+    /* Ends a stop, and a start that failed. */
+    void End();
+
+    bool Enter(unsigned *Ticket);
+    void Leave(unsigned Ticket);
+    void WaitUntilEmpty();
+
+  private:
+    enum STATE : unsigned { NEW = 1, STARTING = 2, RUNNING = 4, STOPPING = 8, STOPPED = 16 };
+    static const FORK_KIND KIND;
+    static void Free(FORK_NODE *Node);
+    bool Change(unsigned From, STATE To);
+
+    FORK_MUTEX StateLock{FORK_RANK_GATE, HELD_FOR_A_MOMENT};
+    STATE State = NEW;
+    VISITORS Visitors;
+    const NEW_STATE WhenNew;
+    void (*const InItsChild)();
 };
 
 /* Passes the gate for the scope's length; what follows asks IsIn first. */
 class GATE_SCOPE {
   public:
-    explicit GATE_SCOPE(GATE &Passed) : Gate(Passed), In(Passed.Enter()) {}
+    explicit GATE_SCOPE(GATE &Passed) : Gate(Passed), In(Passed.Enter(&Ticket)) {}
     ~GATE_SCOPE()
     {
         if (In) {
-            Gate.Leave();
+            Gate.Leave(Ticket);
         }
     }
     GATE_SCOPE(const GATE_SCOPE &) = delete;
@@ -102,6 +100,7 @@ class GATE_SCOPE {
 
   private:
     GATE &Gate;
+    unsigned Ticket = 0;
     const bool In;
 };
 

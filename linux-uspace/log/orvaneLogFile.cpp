@@ -1,6 +1,6 @@
 #include "orvaneLogFile.h"
 
-#include "orvaneLogStampInternal.h"
+#include "orvaneLogLineInternal.h"
 #include "orvaneSafeStr.h"
 #include "orvaneScope.h"
 
@@ -23,7 +23,8 @@ struct _OV_LOG_HANDLE_ {
     uint32_t CurFileSize;
     uint32_t MaxFileSize;
     uint32_t FileTotalNum;
-    OV_SPINLOCK_T Lock; /* guards the other fields, and the stream */
+    FORK_SPINLOCK<FORK_RANK_LOG_FILE> Lock; /* guards the other fields, and the stream */
+    bool IsTorn;                            /* the last line was cut, by a full disk */
     char Path[OV_LOG_FILE_PATH_SIZE];
     BOOL IsAdrift; /* the file could not be opened again: File only keeps the slot taken meanwhile,
                       and nothing may write to it or close it */
@@ -32,25 +33,15 @@ struct _OV_LOG_HANDLE_ {
 /* The index is the handle's id. Slots are taken and given back under s_LogFileLock. */
 static constinit _OV_LOG_HANDLE_ s_LogHandle[OV_LOG_FILE_HANDLE_COUNT] = {};
 
-static OV_MUTEX_T s_LogFileLock;
-static pthread_once_t s_LogFileLockInitialized = PTHREAD_ONCE_INIT;
+static constinit FORK_MUTEX s_LogFileLock(FORK_RANK_LOG_FILES, HELD_FOR_A_MOMENT);
+
+/* Held while the module writes to standard output, for what that holds until it is flushed. */
+static constinit FORK_MUTEX s_OutputLock(FORK_RANK_STANDARD_OUTPUT, HELD_FOR_A_MOMENT);
 
 /* The handle of OV_FileLog; set by its start and release, on any thread. */
 static std::atomic<int32_t> s_FileLogHandleId{-1};
 
-static void _InitLock()
-{
-    OV_MutexInit(&s_LogFileLock);
-}
-
-/* Made by whoever comes first; two threads may open their logs at once. */
-static OV_MUTEX_T &_TableMutex()
-{
-    pthread_once(&s_LogFileLockInitialized, _InitLock);
-    return s_LogFileLock;
-}
-
-/* BreakDown is localtime_r, or what the logs have in its place. */
+/* BreakDown is one of the two local times. */
 static OV_ERR_T _ReadSystime(_OV_SYSTIME_T *Systime,
                              struct tm *(*BreakDown)(const time_t *, struct tm *))
 {
@@ -75,22 +66,21 @@ static OV_ERR_T _ReadSystime(_OV_SYSTIME_T *Systime,
 
 OV_ERR_T OV_GetSystime(_OV_SYSTIME_T *Systime)
 {
-    _OV_LogReadZone();
-    return _ReadSystime(Systime, localtime_r);
+    return _ReadSystime(Systime, _OV_LocalTime);
 }
 
-/* Under the handle's lock. A file that is there already is
- * counted with what it holds, so that a restarted process rotates where the first one would. */
+/* Under the handle's lock. A file that is there already is counted with what it holds, so that a restarted process rotates where the first one would. */
 static OV_ERR_T _OV_LogFileOpen(_OV_LOG_HANDLE_ *Handle)
 {
     struct stat Status;
 
-    FILE *Stream = fopen(Handle->Path, "ae");
+    FILE *Stream = _OV_LogOpen(Handle->Path);
     if (Stream == nullptr) {
         return -EIO;
     }
     Handle->File.store(Stream);
     Handle->IsAdrift = FALSE;
+    Handle->IsTorn = false;
     Handle->CurFileSize = fstat(fileno(Stream), &Status) == 0
                               ? static_cast<uint32_t>(std::min<off_t>(Status.st_size, UINT32_MAX))
                               : 0;
@@ -159,38 +149,42 @@ static FILE *_StreamOf(_OV_LOG_HANDLE_ *Handle)
     return Handle->File.load(); /* null in a slot that was released since it was tested */
 }
 
-/* Returns the characters written; a print that failed counts 0, not -1. Handles without a path
- * share standard output, whose lines stdio's own lock keeps whole. */
-static uint32_t OV_PRINTF_LIKE(3, 0)
-    _WriteLine(FILE *Stream, const char *Stamp, const char *Format, va_list Args)
+/* Returns the characters printed; a print that failed counts 0, not -1. Handles without a path
+ * share standard output with the program, whose lines stdio's own lock keeps whole. */
+static uint32_t OV_PRINTF_LIKE(2, 0)
+    _WriteToOutput(const char *Stamp, const char *Format, va_list Args)
 {
-    flockfile(Stream);
-    const int Stamped = fputs(Stamp, Stream) < 0 ? 0 : static_cast<int>(strlen(Stamp));
-    const int Printed = vfprintf(Stream, Format, Args);
-    fflush(Stream);
-    funlockfile(Stream);
+    const MUTEX_SCOPE Lock(s_OutputLock);
+
+    flockfile(stdout);
+    const int Stamped = fputs(Stamp, stdout) < 0 ? 0 : static_cast<int>(strlen(Stamp));
+    const int Printed = vfprintf(stdout, Format, Args);
+    fflush(stdout);
+    funlockfile(stdout);
     return static_cast<uint32_t>(Stamped) + static_cast<uint32_t>(Printed < 0 ? 0 : Printed);
 }
 
-/* The flush stands under the lock, too: after it another thread's rotation could close the stream
- * below the flush. */
+/* Only what the file took counts towards its size: a full disk must not rotate away what there is.
+ */
 static uint32_t OV_PRINTF_LIKE(3, 0)
     _WriteToHandle(_OV_LOG_HANDLE_ *Handle, const char *Stamp, const char *Format, va_list Args)
 {
-    const SPINLOCK_SCOPE Lock(Handle->Lock);
+    const LOCK_SCOPE Lock(Handle->Lock);
 
     FILE *Stream = _StreamOf(Handle);
     if (Stream == nullptr) {
         return 0;
     }
-    const uint32_t Size = _WriteLine(Stream, Stamp, Format, Args);
-    if (Handle->IsLogFile) {
-        Handle->CurFileSize += std::min(Size, UINT32_MAX - Handle->CurFileSize);
-        if (Handle->CurFileSize >= Handle->MaxFileSize) {
-            _OV_LogFileRotate(Handle);
-        }
+    if (!Handle->IsLogFile) {
+        return _WriteToOutput(Stamp, Format, Args);
     }
-    return Size;
+    const LOG_LINE_SIZES Sizes = _OV_LogLineWrite(Stream, &Handle->IsTorn, Stamp, Format, Args);
+    Handle->CurFileSize = static_cast<uint32_t>(
+        std::min<size_t>(Handle->CurFileSize + Sizes.Written, UINT32_MAX));
+    if (Sizes.Written > 0 && Handle->CurFileSize >= Handle->MaxFileSize) {
+        _OV_LogFileRotate(Handle);
+    }
+    return static_cast<uint32_t>(Sizes.Printed);
 }
 
 static bool _IsInUse(uint32_t LogHandleId)
@@ -211,7 +205,7 @@ static int OV_PRINTF_LIKE(2, 0) _OV_Log2File(uint32_t LogHandleId, const char *F
                       Now.Milliseconds);
     const uint32_t Size = _IsInUse(LogHandleId)
                               ? _WriteToHandle(&s_LogHandle[LogHandleId], Stamp, Format, Args)
-                              : _WriteLine(stdout, Stamp, Format, Args);
+                              : _WriteToOutput(Stamp, Format, Args);
     errno = CallerErrno;
     return static_cast<int>(Size);
 }
@@ -231,11 +225,19 @@ int OV_Log2FileWithVaList(uint32_t LogHandleId, const char *Format, va_list Args
     return _OV_Log2File(LogHandleId, Format, Args);
 }
 
+/* A handle that never lets go takes the table with it: no fork is to wait for that. */
+static void _LoseTableWith(const _OV_LOG_HANDLE_ &Handle)
+{
+    if (Handle.Lock.IsLeftHeld()) {
+        s_LogFileLock.Lose();
+    }
+}
+
 /* Gives the slot back. Its lock is left usable: a writer that still waits for it, against the
  * rules, then finds no stream instead of waiting for ever. */
 static void _OV_LogHandleRelease(_OV_LOG_HANDLE_ *Handle)
 {
-    const SPINLOCK_SCOPE Lock(Handle->Lock);
+    const LOCK_SCOPE Lock(Handle->Lock);
 
     Handle->IsLogFile = FALSE;
     Handle->CurFileSize = Handle->MaxFileSize = Handle->FileTotalNum = 0;
@@ -264,7 +266,6 @@ static int32_t _TakeSlot()
         _OV_LOG_HANDLE_ &Handle = s_LogHandle[Id];
 
         if (Handle.File.load() == nullptr) {
-            OV_SpinlockInit(&Handle.Lock);
             Handle.IsLogFile = FALSE;
             Handle.CurFileSize = 0;
             Handle.MaxFileSize = DEFAULT_MAX_FILE_SIZE;
@@ -285,16 +286,17 @@ static int32_t _TakeSlot()
  * so that all other starts, settings and releases wait as well. */
 static OV_ERR_T _BindToFile(_OV_LOG_HANDLE_ *Handle, const char *LogPath)
 {
-    OV_SpinLock(&Handle->Lock);
+    Handle->Lock.Lock();
     OV_SafeStrCopy(Handle->Path, sizeof(Handle->Path), LogPath);
     const OV_ERR_T Result = _OV_LogFileOpen(Handle);
     if (Result != 0) {
         fprintf(stderr, "_OV_LogFileOpen(%s) faled(ret = %d).\n", LogPath, Result);
         fflush(stderr); /* all that is seen of it, and a redirected stream may hold it back */
+        Handle->Lock.Lose();
         return Result;
     }
     Handle->IsLogFile = TRUE;
-    OV_SpinUnlock(&Handle->Lock);
+    Handle->Lock.Unlock();
     return 0;
 }
 
@@ -305,7 +307,7 @@ int32_t OV_LogFileInit(const char *LogPath, size_t Size)
     if (LogPath != nullptr && Size >= OV_LOG_FILE_PATH_SIZE) {
         return _CleanUpWithoutHandle(-EINVAL);
     }
-    const MUTEX_SCOPE Lock(_TableMutex());
+    const MUTEX_SCOPE Lock(s_LogFileLock);
     const int32_t Id = _TakeSlot();
     if (Id < 0) {
         return _CleanUpWithoutHandle(Id);
@@ -319,9 +321,10 @@ int32_t OV_LogFileInit(const char *LogPath, size_t Size)
 void OV_LogFileRelease(uint32_t LogHandleId)
 {
     const CANCEL_SCOPE Whole;
-    const MUTEX_SCOPE Lock(_TableMutex());
+    const MUTEX_SCOPE Lock(s_LogFileLock);
 
     if (_IsInUse(LogHandleId)) {
+        _LoseTableWith(s_LogHandle[LogHandleId]);
         _OV_LogHandleRelease(&s_LogHandle[LogHandleId]);
     }
 }
@@ -333,9 +336,10 @@ static OV_ERR_T _WithHandle(uint32_t LogHandleId, const ACCESS &Access)
     if (LogHandleId >= OV_LOG_FILE_HANDLE_COUNT) {
         return -EINVAL;
     }
-    const MUTEX_SCOPE Lock(_TableMutex());
+    const MUTEX_SCOPE Lock(s_LogFileLock);
     if (_IsInUse(LogHandleId)) {
-        const SPINLOCK_SCOPE HandleLock(s_LogHandle[LogHandleId].Lock);
+        _LoseTableWith(s_LogHandle[LogHandleId]);
+        const LOCK_SCOPE HandleLock(s_LogHandle[LogHandleId].Lock);
         Access(s_LogHandle[LogHandleId]);
     }
     return 0;

@@ -1,0 +1,224 @@
+#include "orvaneForkInternal.h"
+
+#include <sched.h>
+
+static constexpr time_t WAIT_SECONDS = 1; /* of a fork, for all locks together */
+
+/* Guards the list while a node is added; a fork holds it, too, so that none is added meanwhile. It
+ * is taken after all others. Nodes stay for ever, sorted by rank, and may be walked without it. */
+static pthread_mutex_t s_NotesLock = PTHREAD_MUTEX_INITIALIZER;
+static std::atomic<FORK_NODE *> s_First;
+static unsigned s_NodeCount;
+
+static FORK_NODE *_NextOf(const std::atomic<FORK_NODE *> &Link)
+{
+    return Link.load(std::memory_order_acquire);
+}
+
+static void _LockNotes()
+{
+    OV_MUTEX_ASSERT(pthread_mutex_lock(&s_NotesLock));
+}
+
+static void _UnlockNotes()
+{
+    OV_MUTEX_ASSERT(pthread_mutex_unlock(&s_NotesLock));
+}
+
+static void _GiveBackAll()
+{
+    for (FORK_NODE *Node = _NextOf(s_First); Node != nullptr; Node = _NextOf(Node->Next)) {
+        if (Node->IsTaken) {
+            Node->IsTaken = false;
+            Node->Kind->GiveBack(Node);
+        }
+    }
+}
+
+static void _TakeAll(const struct timespec &Deadline)
+{
+    for (FORK_NODE *Node = _NextOf(s_First); Node != nullptr; Node = _NextOf(Node->Next)) {
+        if (Node->Kind->Take != nullptr && !Node->IsLost) {
+            Node->IsTaken = Node->Kind->Take(Node, Deadline);
+        }
+    }
+}
+
+/* A lock that is noted while the others are being taken may stand ahead of them, and its holder
+ * wait for one of them: then all of it once more. */
+static void _Prepare()
+{
+    struct timespec Deadline;
+
+    clock_gettime(CLOCK_MONOTONIC, &Deadline);
+    Deadline.tv_sec += WAIT_SECONDS;
+    for (;;) {
+        _LockNotes();
+        const unsigned Count = s_NodeCount;
+        _UnlockNotes();
+        _TakeAll(Deadline);
+        _LockNotes();
+        if (s_NodeCount == Count) {
+            return;
+        }
+        _UnlockNotes();
+        _GiveBackAll();
+    }
+}
+
+static void _InParent()
+{
+    _UnlockNotes();
+    _GiveBackAll();
+}
+
+static void _InChild()
+{
+    s_NotesLock = PTHREAD_MUTEX_INITIALIZER;
+    for (FORK_NODE *Node = _NextOf(s_First); Node != nullptr; Node = _NextOf(Node->Next)) {
+        if (Node->Kind->Free != nullptr) {
+            Node->Kind->Free(Node);
+        }
+        Node->IsTaken = false;
+    }
+    for (FORK_NODE *Node = _NextOf(s_First); Node != nullptr; Node = _NextOf(Node->Next)) {
+        if (Node->InChild != nullptr) {
+            Node->InChild();
+        }
+    }
+}
+
+static void _Watch()
+{
+    OV_MUTEX_ASSERT(pthread_atfork(_Prepare, _InParent, _InChild));
+}
+
+void _OV_ForkNote(FORK_NODE *Node, FORK_RANK Rank, const FORK_KIND *Kind, void (*InChild)())
+{
+    static pthread_once_t IsWatching = PTHREAD_ONCE_INIT;
+
+    OV_MUTEX_ASSERT(pthread_once(&IsWatching, _Watch));
+    _LockNotes();
+    if (!Node->IsNoted) {
+        std::atomic<FORK_NODE *> *Link = &s_First;
+
+        while (_NextOf(*Link) != nullptr && _NextOf(*Link)->Rank <= Rank) {
+            Link = &_NextOf(*Link)->Next;
+        }
+        if (Kind->Make != nullptr) {
+            Kind->Make(Node);
+        }
+        Node->Rank = Rank;
+        Node->Kind = Kind;
+        Node->InChild = InChild;
+        Node->Next = _NextOf(*Link);
+        Link->store(Node, std::memory_order_release);
+        s_NodeCount++;
+        Node->IsNoted.store(true, std::memory_order_release);
+    }
+    _UnlockNotes();
+}
+
+bool _OV_ForkTakeSpinlock(OV_SPINLOCK_T *Spin, const struct timespec &Deadline)
+{
+    struct timespec Now;
+
+    while (pthread_spin_trylock(Spin) != 0) {
+        clock_gettime(CLOCK_MONOTONIC, &Now);
+        if (Now.tv_sec > Deadline.tv_sec ||
+            (Now.tv_sec == Deadline.tv_sec && Now.tv_nsec >= Deadline.tv_nsec)) {
+            return false;
+        }
+        sched_yield();
+    }
+    return true;
+}
+
+constinit const FORK_KIND FORK_MUTEX::MOMENT = {nullptr, Take, GiveBack, Free};
+constinit const FORK_KIND FORK_MUTEX::LONG = {nullptr, nullptr, nullptr, Free};
+
+bool FORK_MUTEX::Take(FORK_NODE *Node, const struct timespec &Deadline)
+{
+    auto *Self = static_cast<FORK_MUTEX *>(Node);
+
+    if (pthread_mutex_clocklock(&Self->Mutex, CLOCK_MONOTONIC, &Deadline) != 0) {
+        return false;
+    }
+    Self->Enter();
+    return true;
+}
+
+void FORK_MUTEX::GiveBack(FORK_NODE *Node)
+{
+    static_cast<FORK_MUTEX *>(Node)->Unlock();
+}
+
+/* A recursive mutex knows its owner by a number that the child's thread does not have: it is made
+ * anew, and taken again as often as the forking thread had it. */
+void FORK_MUTEX::Free(FORK_NODE *Node)
+{
+    static constexpr OV_MUTEX_T FREE_MUTEX = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+    auto *Self = static_cast<FORK_MUTEX *>(Node);
+    unsigned Held = Self->Owner == pthread_self() ? Self->Depth : 0;
+
+    if (Self->IsTaken) {
+        Held--;
+    } else if (Self->Owner != 0 && Held == 0) {
+        Self->Torn = true;
+    }
+    Self->Mutex = FREE_MUTEX;
+    Self->Owner = 0;
+    Self->Depth = 0;
+    Self->IsLost = false;
+    for (; Held > 0; Held--) {
+        Self->Lock();
+    }
+}
+
+constinit const FORK_KIND FORK_RWLOCK::KIND = {nullptr, nullptr, nullptr, Free};
+
+void FORK_RWLOCK::Free(FORK_NODE *Node)
+{
+    static constexpr pthread_rwlock_t FREE_RWLOCK = PTHREAD_RWLOCK_INITIALIZER;
+
+    static_cast<FORK_RWLOCK *>(Node)->Rwlock = FREE_RWLOCK;
+}
+
+void FORK_RWLOCK::LockForReading()
+{
+    _OV_ForkNoteOnce(this, FirstRank, &KIND, FirstInChild);
+    OV_MUTEX_ASSERT(pthread_rwlock_rdlock(&Rwlock));
+}
+
+void FORK_RWLOCK::Lock()
+{
+    _OV_ForkNoteOnce(this, FirstRank, &KIND, FirstInChild);
+    OV_MUTEX_ASSERT(pthread_rwlock_wrlock(&Rwlock));
+}
+
+void FORK_RWLOCK::Unlock()
+{
+    OV_MUTEX_ASSERT(pthread_rwlock_unlock(&Rwlock));
+}
+
+constinit const FORK_KIND FORK_CONDITION::KIND = {nullptr, nullptr, nullptr, Free};
+
+void FORK_CONDITION::Free(FORK_NODE *Node)
+{
+    static constexpr pthread_cond_t FREE_CONDITION = PTHREAD_COND_INITIALIZER;
+
+    static_cast<FORK_CONDITION *>(Node)->Condition = FREE_CONDITION;
+}
+
+void FORK_CONDITION::Wait(FORK_MUTEX &Held)
+{
+    _OV_ForkNoteOnce(this, Held.FirstRank, &KIND);
+    Held.Leave();
+    OV_MUTEX_ASSERT(pthread_cond_wait(&Condition, &Held.Mutex));
+    Held.Enter();
+}
+
+void FORK_CONDITION::WakeAll()
+{
+    OV_MUTEX_ASSERT(pthread_cond_broadcast(&Condition));
+}
