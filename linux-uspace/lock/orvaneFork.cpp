@@ -1,14 +1,30 @@
 #include "orvaneForkInternal.h"
 
+#include <errno.h>
+#include <limits.h>
+#include <linux/futex.h>
 #include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 static constexpr time_t WAIT_SECONDS = 1; /* of a fork, for all locks together */
+static constexpr long STAND_BACK_NANOSECONDS = 2000000;
+
+/* One fork at a time: they share the marks in the nodes. */
+static pthread_mutex_t s_ForkLock = PTHREAD_MUTEX_INITIALIZER;
+std::atomic<int> g_ForksPending;
 
 /* Guards the list while a node is added; a fork holds it, too, so that none is added meanwhile. It
  * is taken after all others. Nodes stay for ever, sorted by rank, and may be walked without it. */
 static pthread_mutex_t s_NotesLock = PTHREAD_MUTEX_INITIALIZER;
 static std::atomic<FORK_NODE *> s_First;
 static unsigned s_NodeCount;
+
+/* Unlike a sleep it is no cancellation point. */
+static void _Futex(int Operation, int Value, const struct timespec *Pause)
+{
+    syscall(SYS_futex, &g_ForksPending, Operation, Value, Pause, nullptr, 0);
+}
 
 static FORK_NODE *_NextOf(const std::atomic<FORK_NODE *> &Link)
 {
@@ -50,6 +66,8 @@ static void _Prepare()
 {
     struct timespec Deadline;
 
+    g_ForksPending++;
+    OV_MUTEX_ASSERT(pthread_mutex_lock(&s_ForkLock));
     clock_gettime(CLOCK_MONOTONIC, &Deadline);
     Deadline.tv_sec += WAIT_SECONDS;
     for (;;) {
@@ -70,11 +88,17 @@ static void _InParent()
 {
     _UnlockNotes();
     _GiveBackAll();
+    OV_MUTEX_ASSERT(pthread_mutex_unlock(&s_ForkLock));
+    g_ForksPending--;
+    _Futex(FUTEX_WAKE_PRIVATE, INT_MAX, nullptr);
 }
 
 static void _InChild()
 {
-    s_NotesLock = PTHREAD_MUTEX_INITIALIZER;
+    static constexpr pthread_mutex_t FREE = PTHREAD_MUTEX_INITIALIZER;
+
+    s_NotesLock = s_ForkLock = FREE;
+    g_ForksPending = 0;
     for (FORK_NODE *Node = _NextOf(s_First); Node != nullptr; Node = _NextOf(Node->Next)) {
         if (Node->Kind->Free != nullptr) {
             Node->Kind->Free(Node);
@@ -119,14 +143,32 @@ void _OV_ForkNote(FORK_NODE *Node, FORK_RANK Rank, const FORK_KIND *Kind, void (
     _UnlockNotes();
 }
 
-bool _OV_ForkTakeSpinlock(OV_SPINLOCK_T *Spin, const struct timespec &Deadline)
+static bool _IsPast(const struct timespec &Deadline)
 {
     struct timespec Now;
 
+    clock_gettime(CLOCK_MONOTONIC, &Now);
+    return Now.tv_sec > Deadline.tv_sec ||
+           (Now.tv_sec == Deadline.tv_sec && Now.tv_nsec >= Deadline.tv_nsec);
+}
+
+/* Not for as long as the fork takes: the thread may hold what the fork waits for. */
+void _OV_ForkStandBack()
+{
+    const struct timespec Pause = {0, STAND_BACK_NANOSECONDS};
+    const int Pending = g_ForksPending;
+    const int CallerErrno = errno;
+
+    if (Pending != 0) {
+        _Futex(FUTEX_WAIT_PRIVATE, Pending, &Pause);
+    }
+    errno = CallerErrno;
+}
+
+bool _OV_ForkTakeSpinlock(OV_SPINLOCK_T *Spin, const struct timespec &Deadline)
+{
     while (pthread_spin_trylock(Spin) != 0) {
-        clock_gettime(CLOCK_MONOTONIC, &Now);
-        if (Now.tv_sec > Deadline.tv_sec ||
-            (Now.tv_sec == Deadline.tv_sec && Now.tv_nsec >= Deadline.tv_nsec)) {
+        if (_IsPast(Deadline)) {
             return false;
         }
         sched_yield();

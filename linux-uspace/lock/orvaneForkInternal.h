@@ -93,6 +93,18 @@ inline void _OV_ForkNoteOnce(FORK_NODE *Node, FORK_RANK Rank, const FORK_KIND *K
     }
 }
 
+/* How many forks are waiting for locks. Whoever is about to take one then stands back for a moment:
+ * a thread that takes and gives back in a loop would keep a fork waiting. */
+extern std::atomic<int> g_ForksPending;
+void _OV_ForkStandBack();
+
+inline void _OV_ForkGiveWay()
+{
+    if (g_ForksPending.load(std::memory_order_relaxed) != 0) {
+        _OV_ForkStandBack();
+    }
+}
+
 /* false when the deadline (CLOCK_MONOTONIC) passed first. */
 bool _OV_ForkTakeSpinlock(OV_SPINLOCK_T *Spin, const struct timespec &Deadline);
 
@@ -109,6 +121,7 @@ class FORK_MUTEX : private FORK_NODE {
     void Lock()
     {
         _OV_ForkNoteOnce(this, FirstRank, Hold == HELD_FOR_LONG ? &LONG : &MOMENT, FirstInChild);
+        _OV_ForkGiveWay();
         OV_MutexLock(&Mutex);
         Enter();
     }
@@ -176,6 +189,7 @@ class FORK_SPINLOCK : private FORK_NODE {
     void Lock()
     {
         _OV_ForkNoteOnce(this, RANK, &KIND);
+        _OV_ForkGiveWay();
         OV_SpinLock_BH(&Spin);
     }
     void Unlock()
