@@ -223,6 +223,35 @@ TEST_F(AgentLog, AFullDiskLosesLinesButNeitherErrnoNorTheProcess)
     }
 }
 
+/* A pipe that nobody reads must not hold the tool; a disk that is full must not tear the next line.
+ */
+TEST_F(AgentLog, NeitherAPipeNorAFullDiskHarmsMoreThanItsOwnLines)
+{
+    ASSERT_EQ(mkfifo(LOG_PATH, 0600), 0);
+    alarm(10);
+    EXPECT_EQ(OV_AgentFileLogCtor(LOG_PATH), -ENXIO);
+    alarm(0);
+    unlink(LOG_PATH);
+
+    const std::string Path = "/tmp/small/log";
+    Shell("mkdir -p /tmp/small && mount -t tmpfs -o size=16k tmpfs /tmp/small");
+    WriteFile("/tmp/small/ballast", std::string(8192, 'x'));
+    ASSERT_EQ(OV_AgentFileLogCtor(Path.c_str()), 0);
+    for (int Line = 0; Line < 20; Line++) {
+        OV_LOG_INFO("%s", std::string(700, 'y').c_str());
+    }
+    unlink("/tmp/small/ballast");
+    OV_LOG_INFO("room again");
+    OV_LOG_INFO("and more");
+    const STRINGS Written = Lines(ReadFile(Path));
+    ASSERT_GT(Written.size(), 3U);
+    EXPECT_EQ(Written[Written.size() - 3].back(), 'y');
+    EXPECT_TRUE(Matches(Written[Written.size() - 2], TIME + R"(\[INFO\]\[\w+-\d+\]room again)"));
+    EXPECT_TRUE(Matches(Written.back(), TIME + R"(\[INFO\]\[\w+-\d+\]and more)"));
+    OV_AgentLogDtor();
+    Shell("umount /tmp/small");
+}
+
 /* The file is moved away again and again while four threads write: every line stands once and
  * whole, in one of the files. */
 TEST_F(AgentLog, NoLineIsLostSplitOrDoubledBetweenThreads)

@@ -489,6 +489,7 @@ class Fork : public testing::TestWithParam<ROW> {
         for (std::thread &Thread : Threads) {
             Thread.join();
         }
+        EXPECT_TRUE(IsAnswered("parent")) << "a child broke its parent's connection";
         for (const auto &[Fault, Count] : Faults) {
             ADD_FAILURE() << Count << " of " << Forks << " children: " << Fault;
         }
@@ -512,6 +513,27 @@ INSTANTIATE_TEST_SUITE_P(Rows, Fork, testing::ValuesIn(ROWS),
 
 TEST_F(Fork, AChildUsesTheWholeLibrary)
 {
-    ExpectGoodChildren({std::begin(ROWS), std::end(ROWS)}, 100);
+    ExpectGoodChildren({std::begin(ROWS), std::end(ROWS)}, 60);
+}
+
+/* It goes on with its copy of the call, behind the gate that its parent's threads are still in. */
+TEST_F(Fork, AChildOfAReplyHandlerLeavesTheCall)
+{
+    static pid_t s_Child;
+    const auto Handler = [](const void *, size_t, void *) -> OV_ERR_T {
+        s_Child = fork();
+        alarm(s_Child == 0 ? 1 : 0);
+        return 7;
+    };
+    const OV_ERR_T Result = OV_ImcConfGetByFunc(1, 2, "ask", 3, Handler, nullptr);
+    if (s_Child == 0) {
+        OV_ImcConfClientRelease();
+        const bool IsGood = Result == 7 && OV_ImcConfClientInit() == 0;
+        OV_ImcConfClientRelease();
+        _exit(IsGood ? 0 : 1);
+    }
+    EXPECT_EQ(WaitForProcess(s_Child), 0);
+    char Item[4];
+    EXPECT_EQ(OV_ImcConfGet(1, 2, "ask", 3, Item, sizeof(Item)), 0);
 }
 #endif

@@ -352,28 +352,6 @@ TEST_F(Init, TheBaseFromSeveralThreads)
     TakeLog();
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && \
-    !defined(__SANITIZE_THREAD__) /* which lose their way in a fork */
-TEST_F(Init, AForkedChildStopsAndStartsItsOwn)
-{
-    StartServices();
-    ASSERT_EQ(OV_RTCInit(nullptr), 0);
-    const pid_t Child = fork();
-    if (Child == 0) {
-        alarm(10);
-        OV_RTCExit();
-        const bool IsStarted = OV_RTCInit(nullptr) == 0;
-        OV_RTCExit();
-        _exit(IsStarted ? 0 : 1);
-    }
-    EXPECT_EQ(WaitForProcess(Child), 0);
-    char Byte = 0; /* its parent's connections are whole */
-    EXPECT_EQ(OV_ImcConfGet(1, 1, nullptr, 0, &Byte, 1), -ECONNRESET);
-    ExpectExchange();
-    OV_RTCExit();
-}
-#endif
-
 TEST_F(Init, StopsAmongEvents)
 {
     const pid_t Churn =

@@ -114,14 +114,21 @@ TEST_F(LogFile, AFullDiskLosesLinesUntilThereIsRoom)
 
     ASSERT_EQ(mount("tmpfs", FOLDER.c_str(), "tmpfs", 0, "size=64k"), 0);
     WriteFile(FOLDER + "/ballast", std::string(32768, 'x'));
-    const uint32_t Id = Open(LIVE);
-    while (OV_Log2File(Id, "%s", Long.c_str()) > 25) {}
+    WriteFile(LIVE + ".0", "history");
+    const uint32_t Id = Open(LIVE, 65536);
     errno = ENOTTY;
-    EXPECT_EQ(OV_Log2File(Id, "%s", Long.c_str()), 25) << "what was not printed counts nothing";
+    for (int Line = 0; Line < 100; Line++) {
+        EXPECT_EQ(OV_Log2File(Id, "%s\n", Long.c_str()), 25 + 10000);
+    }
     EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(ReadFile(LIVE + ".0"), "history") << "lines that nobody wrote rotated it away";
+    const std::string Full = ReadFile(LIVE);
+    EXPECT_NE(Full.back(), '\n');
     unlink((FOLDER + "/ballast").c_str());
-    OV_Log2File(Id, "room again");
-    EXPECT_TRUE(Contains(ReadFile(LIVE), "]room again"));
+    OV_Log2File(Id, "room again\n");
+    OV_Log2File(Id, "and more\n");
+    EXPECT_EQ(Unstamped(LIVE).substr(Unstamped(LIVE).rfind('y') + 1),
+              "\n@room again\n@and more\n");
     OV_LogFileRelease(Id);
     EXPECT_EQ(umount(FOLDER.c_str()), 0);
 }

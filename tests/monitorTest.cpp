@@ -565,28 +565,6 @@ TEST_F(MonitorTest, StartAndStopUnderLoad)
     EXPECT_GT(s_Count, 0);
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && \
-    !defined(__SANITIZE_THREAD__) /* which lose their way in a fork */
-TEST_F(MonitorTest, ForkedChildStopsAndStartsItsOwn)
-{
-    Start();
-    ASSERT_TRUE(WaitUntil([] { return s_Interval == 3; })); /* the check socket is made */
-    const pid_t Child = fork();
-    if (Child == 0) {
-        alarm(10);
-        bool IsGood = OV_RTCGenlMonitorUninit() == 0;
-        const size_t Descriptors = OpenDescriptors(); /* with the parent's check socket */
-        s_Interval = 0;
-        IsGood = IsGood && OV_RTCGenlMonitorInit() == 0 &&
-                 WaitUntil([] { return s_Interval == 3; }) && OV_RTCGenlMonitorUninit() == 0 &&
-                 OpenDescriptors() == Descriptors; /* its own in the place of that one */
-        _exit(IsGood ? 0 : 1);
-    }
-    EXPECT_EQ(WaitForProcess(Child), 0);
-    Settle(); /* the parent's goes on */
-}
-#endif
-
 /* ---- Bursts, overruns, sockets that vanish ---- */
 
 TEST_F(MonitorTest, BurstIsCountedWhole)
