@@ -25,12 +25,13 @@
 
 /* The sanitizer does not see the ordering inside liburcu and is told of it here: what was read in
  * a section happens before what follows the grace period. It goes by an address, which has to be
- * one for the whole process: weak, so that all units that include this share it. */
+ * one for the whole process: that of a function of liburcu's is. */
 #ifdef OV_RCU_THREAD_SANITIZER
 #    include <sanitizer/tsan_interface.h>
-__attribute__((weak, visibility("default"))) char OV_RcuOrder;
-#    define OV_RCU_RELEASE() __tsan_release(&OV_RcuOrder)
-#    define OV_RCU_ACQUIRE() __tsan_acquire(&OV_RcuOrder)
+#    include <stdint.h>
+#    define OV_RCU_ORDER ((void *)(uintptr_t)&urcu_memb_synchronize_rcu)
+#    define OV_RCU_RELEASE() __tsan_release(OV_RCU_ORDER)
+#    define OV_RCU_ACQUIRE() __tsan_acquire(OV_RCU_ORDER)
 #else
 #    define OV_RCU_RELEASE() ((void)0)
 #    define OV_RCU_ACQUIRE() ((void)0)

@@ -6,8 +6,9 @@
  *
  *   P (live)   P.0 (newest)   P.1   P.2   P.3 (oldest; overwritten by the next rotation)
  *
- * Any thread may write to any handle: a line goes out whole, and no rotation cuts into it or loses
- * it. A handle must not be released while other threads still write to it. Lock order: the table's
+ * Any thread may write to any handle: a line goes out whole, by one write, and no rotation cuts into
+ * it or loses it. On a full disk a line is lost or cut; it then does not count, and the next one
+ * begins a line of its own. A handle must not be released while other threads still write to it. Lock order: the table's
  * mutex (start, release, settings), then the handle's spin lock (everything, writes included).
  */
 #ifndef ORVANE_LOG_FILE_H
@@ -46,8 +47,8 @@ int32_t OV_LogFileInit(const char *LogPath, size_t Size);
 void OV_LogFileRelease(uint32_t LogHandleId);
 
 /* Write "[YYYY/MM/DD_hh:mm:ss.mmm]" and, right behind it, the text as it stands: the newline is the
- * caller's. Return the characters written, stamp included. Errors are not reported: a line that
- * cannot be written is lost, and errno stays as it was. */
+ * caller's. Return the characters of both, also where the disk did not take them; 0 while the file
+ * cannot be opened again. errno stays as it was. */
 int OV_Log2File(uint32_t LogHandleId, const char *Format, ...) OV_PRINTF_LIKE(2, 3);
 int OV_Log2FileWithVaList(uint32_t LogHandleId, const char *Format, va_list Args)
     OV_PRINTF_LIKE(2, 0);
