@@ -81,7 +81,7 @@ static constinit FORK_MUTEX s_ControlLock(FORK_RANK_MONITOR_CONTROL, HELD_FOR_LO
 /* Held by the monitor thread and by the check thread whenever they are not in their waits, so
  * during callbacks, and by the stop while it takes everything away. Guards what follows. */
 static constinit FORK_MUTEX s_WorkLock(FORK_RANK_MONITOR_WORK, HELD_FOR_LONG, _ForgetMonitor);
-static int gs_EpollFd = -1; /* opened and closed under s_SendLock, too */
+static int gs_EpollFd = -1;       /* opened and closed under s_SendLock, too */
 static struct nl_sock *gs_NlSock; /* the routing socket; null: to be made (again) */
 static OV_RTC_MONITOR_SOCK gs_GenlSock;
 static struct nl_sock *s_CheckSock;    /* made once, for all starts */

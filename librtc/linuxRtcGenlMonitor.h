@@ -21,8 +21,8 @@
 OV_PUBLIC_BEGIN
 
 /* Starts both threads: 0, or -EEXIST when it runs already. Changes from then on are heard, and told
- * to who has registered when their turn comes. What fails in the threads is logged only. In a forked
- * child it is stopped, without callbacks, and may be started. */
+ * to who has registered when their turn comes. What fails in the threads is logged only. In a
+ * forked child it is stopped, without callbacks, and may be started. */
 int OV_RTCGenlMonitorInit(void);
 
 /* Stops both threads and drops all callbacks. It waits for a callback that runs: no lock that a

@@ -13,9 +13,9 @@
  * may wait for itself for ever. A service that is there but takes no connection holds a start, and
  * a stop that waits for it, for two minutes.
  *
- * Start after a fork, not before: a forked child has neither the threads nor the connections. It may
- * call OV_RTCExit, and then start on its own. A fork waits for other threads to leave the library's
- * short sections, for a second at most.
+ * Start after a fork, not before: a forked child has neither the threads nor the connections. It
+ * may call OV_RTCExit, and then start on its own. A fork waits for other threads to leave the
+ * library's short sections, for a second at most.
  */
 #ifndef LINUX_RTC_INIT_H
 #define LINUX_RTC_INIT_H

@@ -65,8 +65,7 @@ static void _OV_AgentGetTimeStr(char (&TimeBuf)[LOG_STAMP_SIZE])
                       Date.tm_min, Date.tm_sec, static_cast<int>(Now.tv_usec / 1000));
 }
 
-static void OV_PRINTF_LIKE(3, 4)
-    _WriteLine(FILE *Stream, const char *Time, const char *Format, ...)
+static void OV_PRINTF_LIKE(3, 4) _WriteLine(FILE *Stream, const char *Time, const char *Format, ...)
 {
     va_list Args;
 

@@ -67,7 +67,8 @@ const char *OV_AgentLogLevel(OV_AGENT_LOG_LEVEL Level);
 /* Starts the file back end on Path (copied; at most 127 characters; null: the path of before),
  * appending. Returns 0, -EOVERFLOW for a longer path (nothing is installed, the record keeps its
  * first 127 characters), or the negated errno of the open (-ENXIO: a pipe that nobody reads): the
- * operations are then installed all the same. Nothing that was constructed before is released: call OV_AgentLogDtor first. */
+ * operations are then installed all the same. Nothing that was constructed before is released: call
+ * OV_AgentLogDtor first. */
 OV_ERR_T OV_AgentFileLogCtor(const char *Path);
 
 /* Starts the rotating back end on Path (as above), which writes through orvaneLogFile.h: 50 MiB a

@@ -281,8 +281,9 @@ static std::string AskDispatchInChild()
     OV_MemPoolDestroy(OV_MemPoolCreate("child", 5, 64, 0, 0));
     OV_DispatchClientExit();
     return Unless(Inherited == 0 && Started == 0 && IsGood,
-                  "dispatch: " + std::to_string(Inherited) + " connections of the parent's, start " +
-                      std::to_string(Started) + (IsGood ? "" : ", no answer"));
+                  "dispatch: " + std::to_string(Inherited) +
+                      " connections of the parent's, start " + std::to_string(Started) +
+                      (IsGood ? "" : ", no answer"));
 }
 
 static void RunCommands()
@@ -308,8 +309,8 @@ static std::string RestartAllInChild()
     const OV_ERR_T Started = OV_RTCInit(nullptr);
     const bool IsGood = IsAnswered(std::to_string(getpid()));
     OV_RTCExit();
-    return Unless(Started == 0 && IsGood, "library: start " + std::to_string(Started) +
-                                              (IsGood ? "" : ", no answer"));
+    return Unless(Started == 0 && IsGood,
+                  "library: start " + std::to_string(Started) + (IsGood ? "" : ", no answer"));
 }
 
 static void Nothing() {}
@@ -394,8 +395,7 @@ class Fork : public testing::TestWithParam<ROW> {
     {
         WriteFile(AGENT_LOG, "");
         ASSERT_EQ(OV_AgentFileLogCtor(AGENT_LOG), 0);
-        s_LogId =
-            static_cast<uint32_t>(OV_LogFileInit(ROTATING_LOG.c_str(), ROTATING_LOG.size()));
+        s_LogId = static_cast<uint32_t>(OV_LogFileInit(ROTATING_LOG.c_str(), ROTATING_LOG.size()));
         OV_LogFileSetMaxFileSize(s_LogId, 100000);
         OV_LogFileSetFileNum(s_LogId, 100);
         s_PoolId = OV_MemPoolCreate("handler", 7, 64, 0, 0);
@@ -462,8 +462,8 @@ class Fork : public testing::TestWithParam<ROW> {
 
     void ExpectGoodChildren(const std::vector<ROW> &Rows, int Forks)
     {
-        char *Place = static_cast<char *>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE,
-                                               MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+        char *Place = static_cast<char *>(
+            mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
         std::vector<std::thread> Threads;
         std::map<std::string, int> Faults;
 

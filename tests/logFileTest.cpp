@@ -127,8 +127,7 @@ TEST_F(LogFile, AFullDiskLosesLinesUntilThereIsRoom)
     unlink((FOLDER + "/ballast").c_str());
     OV_Log2File(Id, "room again\n");
     OV_Log2File(Id, "and more\n");
-    EXPECT_EQ(Unstamped(LIVE).substr(Unstamped(LIVE).rfind('y') + 1),
-              "\n@room again\n@and more\n");
+    EXPECT_EQ(Unstamped(LIVE).substr(Unstamped(LIVE).rfind('y') + 1), "\n@room again\n@and more\n");
     OV_LogFileRelease(Id);
     EXPECT_EQ(umount(FOLDER.c_str()), 0);
 }

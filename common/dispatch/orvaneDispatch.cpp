@@ -187,9 +187,9 @@ OV_ERR_T OV_DispatchPut(OV_DISPATCH_DESC *Desc, const void *Data, int32_t Size)
     if (End >= Desc->Size) {
         if (Desc->useVmemAlloc) { /* the line number is part of the text */
             OV_SYSLOG(LOG_WARNING,
-                   "[%s:%d] Use memory from pool, but the size is not enough, bufsize=%u, "
-                   "needsize=%d.\n",
-                   "OV_DispatchPut", 672, Desc->Size, NEEDED_SIZE);
+                      "[%s:%d] Use memory from pool, but the size is not enough, bufsize=%u, "
+                      "needsize=%d.\n",
+                      "OV_DispatchPut", 672, Desc->Size, NEEDED_SIZE);
             return -ENOMEM;
         }
         if (!_GrowBeyond(Desc, End)) {

@@ -1,7 +1,7 @@
 #include "orvaneFlexMsg.h"
 
-#include "orvaneMem.h"
 #include "orvaneForeignInternal.h"
+#include "orvaneMem.h"
 
 #include <algorithm>
 #include <atomic>
@@ -163,7 +163,7 @@ static bool _DoubleCapacity(OV_FLEXIBLE_MSG *Msg)
         return false;
     }
     OV_SYSLOG(LOG_DEBUG, "realloc maxSize: %zd, pos : %zd\n", static_cast<ssize_t>(Msg->Size),
-           static_cast<ssize_t>(Msg->Pos));
+              static_cast<ssize_t>(Msg->Pos));
     return true;
 }
 

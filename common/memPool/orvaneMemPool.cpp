@@ -273,8 +273,7 @@ static bool _Release(int32_t Id, void *Ptr, BLOCK_DAMAGE *Damage)
         return true;
     }
 
-    const bool IsIntact =
-        _OV_MemIsIntact(_OV_MemPrefix(Ptr), _OV_MemGuardedSize(Pool->BlockSize));
+    const bool IsIntact = _OV_MemIsIntact(_OV_MemPrefix(Ptr), _OV_MemGuardedSize(Pool->BlockSize));
     if (!IsIntact) {
         _ReadDamage(Ptr, Pool->Name, Damage);
     }

@@ -165,7 +165,7 @@ static void _OV_MemCheckBigSize(int32_t ModId, size_t Size)
     if (Size > BIG_SIZE && (Module.State.load() & PRINTED_BIG_SIZE_LOG) == 0 &&
         (Module.State.fetch_or(PRINTED_BIG_SIZE_LOG) & PRINTED_BIG_SIZE_LOG) == 0) {
         OV_SYSLOG(LOG_WARNING, "MODULE[%s] attempt to malloc big size(%zd) memory.\n", Module.Name,
-               static_cast<ssize_t>(Size));
+                  static_cast<ssize_t>(Size));
     }
 }
 
@@ -209,10 +209,10 @@ _ReportDamage(int32_t ModId, const char *Operation, void *Ptr, const MEM_GUARDS 
 
     if (Found.State == MEM_GUARDS::PREFIX_DAMAGED) {
         OV_SYSLOG(LOG_ERR, "MODULE[%s]%s mem %p, prefix is corrupt(0x%X -> 0x%X), size=%u\n", Name,
-               Operation, Ptr, MEM_PREFIX_CANARY, Found.Canary, Size);
+                  Operation, Ptr, MEM_PREFIX_CANARY, Found.Canary, Size);
     } else {
-        OV_SYSLOG(LOG_ERR, "MODULE[%s]%s mem %p, suffix is corrupt(0x%X -- > 0x%X), size=%u\n", Name,
-               Operation, Ptr, MEM_SUFFIX_CANARY, Found.Canary, Size);
+        OV_SYSLOG(LOG_ERR, "MODULE[%s]%s mem %p, suffix is corrupt(0x%X -- > 0x%X), size=%u\n",
+                  Name, Operation, Ptr, MEM_SUFFIX_CANARY, Found.Canary, Size);
     }
 }
 

@@ -50,8 +50,7 @@ static constinit FORK_MUTEX s_PushLock(FORK_RANK_DISPATCH_PUSH, HELD_FOR_LONG);
 /* Guards what follows; never held while anything waits for the server. Taken after either of the
  * two above. */
 static void _ForgetParent();
-static constinit FORK_MUTEX s_StateLock(FORK_RANK_DISPATCH_STATE, HELD_FOR_A_MOMENT,
-                                        _ForgetParent);
+static constinit FORK_MUTEX s_StateLock(FORK_RANK_DISPATCH_STATE, HELD_FOR_A_MOMENT, _ForgetParent);
 static constinit FORK_CONDITION s_ThreadEnded;
 static OV_SOCKET g_DispatchConfigSock = -1; /* changed by who exchanges, or start and stop */
 static CONNECT_ATTEMPT s_ConfigAttempt = {-1, false};
@@ -127,7 +126,7 @@ static OV_ERR_T _OV_DispatchConnect(const char *IpAddr, uint16_t Port, CONNECT_A
     Error = _OV_SocketConnect(Sock, Server);
     if (Error < 0) {
         OV_SYSLOG(LOG_ERR, "[%s:%d]Fail to connect to server %s:%u! retcode=%d\n", FUNCTION, 105,
-               IpAddr, static_cast<unsigned>(Port), Error);
+                  IpAddr, static_cast<unsigned>(Port), Error);
         return Error;
     }
     const MUTEX_SCOPE State(s_StateLock);
@@ -362,8 +361,8 @@ static OV_ERR_T _StartConfig(const char *Function, int Line)
     OV_ERR_T Error = _Register();
 
     if (Error < 0) {
-        OV_SYSLOG(LOG_ERR, "[%s:%d]failed to register dispatch memory! retcode=%d\n", Function, Line,
-               Error);
+        OV_SYSLOG(LOG_ERR, "[%s:%d]failed to register dispatch memory! retcode=%d\n", Function,
+                  Line, Error);
         return Error;
     }
     Error = _ConnectConfig();
@@ -396,15 +395,15 @@ static OV_ERR_T _StartNotify(const char *Function)
         Error = _OV_DispatchConnect(SERVER_ADDRESS, NOTIFY_PORT, &Entry->Attempt, &Entry->Sock);
     }
     if (Error < 0) {
-        OV_SYSLOG(LOG_ERR, "[%s:%d]failed to connect notify server! retcode=%d\n", Function, __LINE__,
-               Error);
+        OV_SYSLOG(LOG_ERR, "[%s:%d]failed to connect notify server! retcode=%d\n", Function,
+                  __LINE__, Error);
         free(Entry);
         return Error;
     }
     Error = _RunNotifyThread(Entry);
     if (Error < 0) {
-        OV_SYSLOG(LOG_ERR, "[%s:%d]failed to create notify server! retcode=%d\n", Function, __LINE__,
-               Error);
+        OV_SYSLOG(LOG_ERR, "[%s:%d]failed to create notify server! retcode=%d\n", Function,
+                  __LINE__, Error);
         OV_SocketClose(Entry->Sock);
         free(Entry);
     }

@@ -34,10 +34,10 @@ class SYSTEM_LOG_SCOPE {
         syslog(Priority, __VA_ARGS__);      \
     } while (0)
 
-/* liburcu's list of registered threads, and its grace periods. This flavour cannot be told of a fork:
- * a thread that the child does not have must not stand in the list, since it would be waited for,
- * and its memory linked in twice. The library's own thread therefore is registered only while it
- * has g_RcuReaderLock, which a fork takes. */
+/* liburcu's list of registered threads, and its grace periods. This flavour cannot be told of a
+ * fork: a thread that the child does not have must not stand in the list, since it would be waited
+ * for, and its memory linked in twice. The library's own thread therefore is registered only while
+ * it has g_RcuReaderLock, which a fork takes. */
 inline constinit FORK_MUTEX g_RcuReaderLock(FORK_RANK_RCU_READER, HELD_FOR_A_MOMENT);
 inline constinit FORK_MUTEX g_RcuLock(FORK_RANK_RCU, HELD_FOR_A_MOMENT);
 

@@ -65,7 +65,7 @@ struct FORK_NODE;
 
 /* What is done with one kind of node. Any of them may be null. */
 struct FORK_KIND {
-    void (*Make)(FORK_NODE *Node); /* when it is noted */
+    void (*Make)(FORK_NODE *Node);                                  /* when it is noted */
     bool (*Take)(FORK_NODE *Node, const struct timespec &Deadline); /* false: not in time */
     void (*GiveBack)(FORK_NODE *Node);                              /* in the parent, if taken */
     void (*Free)(FORK_NODE *Node);                                  /* in the child */

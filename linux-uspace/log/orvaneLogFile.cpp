@@ -69,7 +69,8 @@ OV_ERR_T OV_GetSystime(_OV_SYSTIME_T *Systime)
     return _ReadSystime(Systime, _OV_LocalTime);
 }
 
-/* Under the handle's lock. A file that is there already is counted with what it holds, so that a restarted process rotates where the first one would. */
+/* Under the handle's lock. A file that is there already is counted with what it holds, so that a
+ * restarted process rotates where the first one would. */
 static OV_ERR_T _OV_LogFileOpen(_OV_LOG_HANDLE_ *Handle)
 {
     struct stat Status;
@@ -179,8 +180,8 @@ static uint32_t OV_PRINTF_LIKE(3, 0)
         return _WriteToOutput(Stamp, Format, Args);
     }
     const LOG_LINE_SIZES Sizes = _OV_LogLineWrite(Stream, &Handle->IsTorn, Stamp, Format, Args);
-    Handle->CurFileSize = static_cast<uint32_t>(
-        std::min<size_t>(Handle->CurFileSize + Sizes.Written, UINT32_MAX));
+    Handle->CurFileSize =
+        static_cast<uint32_t>(std::min<size_t>(Handle->CurFileSize + Sizes.Written, UINT32_MAX));
     if (Sizes.Written > 0 && Handle->CurFileSize >= Handle->MaxFileSize) {
         _OV_LogFileRotate(Handle);
     }

@@ -6,10 +6,11 @@
  *
  *   P (live)   P.0 (newest)   P.1   P.2   P.3 (oldest; overwritten by the next rotation)
  *
- * Any thread may write to any handle: a line goes out whole, by one write, and no rotation cuts into
- * it or loses it. On a full disk a line is lost or cut; it then does not count, and the next one
- * begins a line of its own. A handle must not be released while other threads still write to it. Lock order: the table's
- * mutex (start, release, settings), then the handle's spin lock (everything, writes included).
+ * Any thread may write to any handle: a line goes out whole, by one write, and no rotation cuts
+ * into it or loses it. On a full disk a line is lost or cut; it then does not count, and the next
+ * one begins a line of its own. A handle must not be released while other threads still write to
+ * it. Lock order: the table's mutex (start, release, settings), then the handle's spin lock
+ * (everything, writes included).
  */
 #ifndef ORVANE_LOG_FILE_H
 #define ORVANE_LOG_FILE_H
