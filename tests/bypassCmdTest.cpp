@@ -79,6 +79,17 @@ class BypassCmd : public testing::Test {
     {
         Daemon = Start(Arguments, "/tmp/feeddog.output");
     }
+    /* It feeds, or its watchdog is stopped, and it waits for what comes next: it is not in the
+     * middle of the chip's sequence. */
+    bool DaemonRests(bool Feeding)
+    {
+        const std::string Call = "/proc/" + std::to_string(Daemon) + "/syscall";
+        const std::string Waiting = std::to_string(SYS_rt_sigtimedwait) + " ";
+        return WaitUntil([&] {
+            return (BoardWatchdogRemaining(Board) > 0) == Feeding &&
+                   ReadFile(Call).starts_with(Waiting);
+        });
+    }
     int StopDaemon()
     {
         if (Daemon < 0) {
@@ -97,9 +108,22 @@ class BypassCmd : public testing::Test {
         }
         return true;
     }
+    /* What Look finds while no process is in the middle of an access. */
+    template <typename LOOK>
+    auto Locked(LOOK Look) const
+    {
+        BoardLock(Board);
+        auto Found = Look();
+        BoardUnlock(Board);
+        return Found;
+    }
     /* The trace in letters: d the daemon, t a port access of the tool's, S its signal to the
      * daemon, which is told to be silent. */
     std::string Order() const
+    {
+        return Locked([&] { return Letters(); });
+    }
+    std::string Letters() const
     {
         std::string Letters;
         for (uint32_t Index = 0; Index < Board->TraceCount; Index++) {
@@ -216,11 +240,11 @@ TEST_F(BypassCmd, ARunningDaemonIsSilencedFirst)
         SetUp();
         Use(Name);
         StartDaemon({"feeddog", "-t", "60", "-p", "1", "-q", "2"});
-        ASSERT_TRUE(WaitUntil([&] { return BoardWatchdogRemaining(Board) > 0; }));
+        ASSERT_TRUE(DaemonRests(true));
 
         EXPECT_EQ(Run({"bypass_cmd", "-b", "1"}), 0);
         EXPECT_TRUE(Relays(RELAY_BYPASS));
-        EXPECT_TRUE(WaitUntil([&] { return BoardWatchdogRemaining(Board) == 0; }));
+        EXPECT_TRUE(DaemonRests(false));
         EXPECT_TRUE(Relays(RELAY_BYPASS)) << "stopped, not expired";
 
         EXPECT_TRUE(std::regex_match(Order(), std::regex("d+Sd*t+d*"))) << Order();
@@ -228,20 +252,19 @@ TEST_F(BypassCmd, ARunningDaemonIsSilencedFirst)
 
         /* Enabling wakes it, and it ends with its watchdog stopped and its file removed. */
         EXPECT_EQ(Run({"bypass_cmd", "-b", "0", "-m", "1"}), 0);
-        EXPECT_TRUE(WaitUntil([&] { return BoardWatchdogRemaining(Board) > 0; }));
+        ASSERT_TRUE(DaemonRests(true));
 
         /* Both signals before it looks: the file says what was meant. */
-        const std::string Call = "/proc/" + std::to_string(Daemon) + "/syscall";
-        const std::string Waiting = std::to_string(SYS_rt_sigtimedwait) + " ";
-        ASSERT_TRUE(WaitUntil([&] { return ReadFile(Call).starts_with(Waiting); }));
-        kill(Daemon, SIGSTOP); /* not in the middle of the chip's sequence */
+        kill(Daemon, SIGSTOP);
         EXPECT_EQ(Run({"bypass_cmd", "-b", "0", "-m", "1"}), 0);
         const auto Feedings = [&] {
-            return std::count_if(Board->Trace, Board->Trace + Board->TraceCount,
-                                 [](const BOARD_ACCESS &Entry) {
-                                     return std::string(Entry.Process) == "feeddog" &&
-                                            Contains(Entry.Note, "watchdog counter");
-                                 });
+            return Locked([&] {
+                return std::count_if(Board->Trace, Board->Trace + Board->TraceCount,
+                                     [](const BOARD_ACCESS &Entry) {
+                                         return std::string(Entry.Process) == "feeddog" &&
+                                                Contains(Entry.Note, "watchdog counter");
+                                     });
+            });
         };
         const auto Before = Feedings();
         kill(Daemon, SIGCONT);
