@@ -282,6 +282,49 @@ TEST_F(BypassCmd, ARunningDaemonIsSilencedFirst)
     }
 }
 
+/* What ends the tool in the middle waits until the coil is at rest and the chip left. */
+TEST_F(BypassCmd, ASignalWaitsForTheRelay)
+{
+    for (const int Signal : {SIGINT, SIGTERM}) {
+        SCOPED_TRACE(Signal);
+        SetUp();
+        Use("Aptio CRB");
+        const pid_t Tool = Start({"bypass_cmd", "-b", "1", "-m", "1"}, OUTPUT_PATH);
+        ASSERT_TRUE(WaitUntil([&] { return Locked([&] { return Board->Coil.PulseStart >= 0; }); }));
+        kill(Tool, Signal);
+        EXPECT_EQ(WaitForProcess(Tool), 128 + Signal);
+        EXPECT_TRUE(Relays(RELAY_BYPASS));
+        EXPECT_EQ(Board->Coil.PulseStart, -1);
+        EXPECT_EQ(Board->SuperIo.ConfigurationMode, 0U);
+        EXPECT_EQ(Board->FaultCount, 0U);
+        EXPECT_TRUE(ReadFile(LOG_PATH).ends_with("]set QiYang-J1900 bypass success(ret: 0)\n"));
+        EXPECT_FALSE(std::filesystem::exists(CONF_PATH)) << "the mode is no part of the sequence";
+    }
+}
+
+/* Where nothing is at stake a signal ends the tool at once. */
+TEST_F(BypassCmd, ASignalDoesNotWaitForTheRest)
+{
+    Use("Aptio CRB");
+    InstallCommand("dmidecode", "touch /tmp/asked; sleep 2; echo $RTC_BOARD_NAME");
+    pid_t Tool = Start({"bypass_cmd", "-b", "1"}, OUTPUT_PATH);
+    ASSERT_TRUE(WaitUntil([] { return std::filesystem::exists("/tmp/asked"); }));
+    kill(Tool, SIGTERM);
+    EXPECT_EQ(WaitForProcess(Tool), 128 + SIGTERM);
+    EXPECT_EQ(Order(), "");
+    std::filesystem::remove("/run/commands/dmidecode");
+
+    /* Rights that are never given up: the relay has moved, the chip is left. */
+    Board->RefuseLower = -1;
+    Tool = Start({"bypass_cmd", "-b", "1"}, OUTPUT_PATH);
+    ASSERT_TRUE(
+        WaitUntil([] { return Contains(ReadFile(LOG_PATH), "]Hard Bypass error(ret: -1)\n"); }));
+    kill(Tool, SIGTERM);
+    EXPECT_EQ(WaitForProcess(Tool), 128 + SIGTERM);
+    EXPECT_TRUE(Relays(RELAY_BYPASS));
+    EXPECT_EQ(Board->SuperIo.ConfigurationMode, 0U);
+}
+
 TEST_F(BypassCmd, TheDaemonFollowsItsFile)
 {
     Use("B1904");
