@@ -1,10 +1,14 @@
 /*
- * Cancellation: what may be cancelled owns nothing. A thread whose cancellation is pending makes
- * the calls of a row, and ends in the first that lets it. Behind it, no descriptor, child, lock or
- * accounted memory is left over, and the calls work for the next thread.
+ * Cancellation: what may be cancelled owns nothing. A thread that is cancelled makes the calls of a
+ * row, and ends where they let it. Behind it, no descriptor, child, lock or accounted memory is
+ * left over, and the calls work for the next thread.
  *
- * Each row is a process of its own, which SIGALRM ends when it hangs. Every line of the log, and of
- * the system log, is a place to be cancelled, as in a process whose log goes to a pipe.
+ * Where it is cancelled moves from round to round: before the calls, then at each place of theirs
+ * that may be a cancellation point, so that a harmless one does not hide those behind it. These are
+ * the lines of the log (a program's own back end may wait) and the system's functions below, which
+ * the linker has go through here.
+ *
+ * Each row is a process of its own, which SIGALRM ends when it hangs.
  */
 #include "boardModel.h"
 #include "boardTrap.h"
@@ -53,23 +57,54 @@ static void PrintTo(const ROW &Row, std::ostream *Stream)
     *Stream << Row.Name;
 }
 
-/* ---- What the rows share ---- */
+/* ---- Places to be cancelled ---- */
+
+static thread_local int s_Places;        /* that this thread has passed */
+static thread_local int s_CancelAt = -1; /* the one at which it is cancelled */
+
+static void Place()
+{
+    if (++s_Places == s_CancelAt) {
+        pthread_cancel(pthread_self());
+    }
+    pthread_testcancel();
+}
 
 static void OV_PRINTF_LIKE(2, 3) LogLine(int, const char *, ...)
 {
-    pthread_testcancel();
+    Place();
 }
 
 static void OV_PRINTF_LIKE(2, 0) LogLineValist(int, const char *, va_list)
 {
-    pthread_testcancel();
+    Place();
 }
 
-/* No place to be cancelled before the calls below the log's. */
-static void SilenceLog()
-{
-    OV_AgentLogOps()->LimitLevel = OV_AGENT_LOG_LEVEL_MAX;
-}
+#define PLACE(Result, Function, Parameters, Arguments) \
+    extern "C" Result __real_##Function Parameters;    \
+    extern "C" Result __wrap_##Function Parameters;    \
+    Result __wrap_##Function Parameters                \
+    {                                                  \
+        Place();                                       \
+        return __real_##Function Arguments;            \
+    }
+PLACE(FILE *, fopen, (const char *Path, const char *Mode), (Path, Mode))
+PLACE(int, fclose, (FILE * Stream), (Stream))
+PLACE(int, fflush, (FILE * Stream), (Stream))
+PLACE(int, fputs, (const char *Text, FILE *Stream), (Text, Stream))
+PLACE(FILE *, popen, (const char *Command, const char *Mode), (Command, Mode))
+PLACE(int, pclose, (FILE * Stream), (Stream))
+PLACE(int, system, (const char *Command), (Command))
+PLACE(int, open, (const char *Path, int Flags, mode_t Mode), (Path, Flags, Mode))
+PLACE(ssize_t, write, (int File, const void *Data, size_t Size), (File, Data, Size))
+PLACE(int, close, (int File), (File))
+PLACE(int, connect, (int Socket, const sockaddr *Peer, socklen_t Size), (Socket, Peer, Size))
+PLACE(ssize_t, send, (int Socket, const void *Data, size_t Size, int Flags),
+      (Socket, Data, Size, Flags))
+PLACE(ssize_t, recv, (int Socket, void *Data, size_t Size, int Flags), (Socket, Data, Size, Flags))
+PLACE(int, usleep, (useconds_t MicroSeconds), (MicroSeconds))
+
+/* ---- What the rows share ---- */
 
 /* Both services, and notifications: each sends back what it gets, which all of them understand. */
 static void Serve()
@@ -82,6 +117,16 @@ static void Serve()
             }
         });
     }
+}
+
+/* The monitor's check thread makes it once, and it stays. */
+static void OpenCheckSocket()
+{
+    const size_t Before = OpenDescriptors();
+
+    OV_RTCGenlMonitorInit();
+    WaitUntil([=] { return OpenDescriptors() == Before + 3; }); /* epoll, routing, check */
+    OV_RTCGenlMonitorUninit();
 }
 
 static void UseBoard()
@@ -125,7 +170,7 @@ static const ROW ROWS[] = {
          return OV_RTCExecCmd("echo x", Output, sizeof(Output)) == 2 &&
                 OV_RTCExecCmd("echo over size", Output, sizeof(Output)) == 0;
      }},
-    {"OV_RTCSystem", [] { return OV_RTCSystem("sleep 0.01") == 0; }, SilenceLog},
+    {"OV_RTCSystem", [] { return OV_RTCSystem("sleep 0.01") == 0; }},
     {"OV_RTCWriteFile",
      [] {
          return OV_RTCWriteFileSync("1", 1, "/tmp/control") == 0 &&
@@ -290,7 +335,8 @@ static const ROW ROWS[] = {
          const int Id = OV_RTCGenlMonitorRegCallback([](OV_RTC_MONITOR_NOTIFY *) { return 0; });
          OV_RTCGenlMonitorUnregCallback(Id);
          return OV_RTCGenlMonitorUninit() == 0 && Began && Id == 0;
-     }},
+     },
+     OpenCheckSocket},
     {"OV_RTCGenlMonitorSendPtxNotify",
      [] {
          OV_CON_STATE_NOTIFY Notify = {};
@@ -317,27 +363,27 @@ static const ROW ROWS[] = {
          OV_RTCExit();
          return Began;
      },
-     Serve},
+     [] {
+         Serve();
+         OpenCheckSocket();
+     }},
     {"OV_RTCIntfConfig",
      [] {
          const OV_RTC_INTF_CONFIG Small = Setting(OV_RTC_INTF_TYPE_MTU, 1400);
          const OV_RTC_INTF_CONFIG Large = Setting(OV_RTC_INTF_TYPE_MTU, 65536);
          return OV_RTCIntfConfig(&Small) == 0 && OV_RTCIntfConfig(&Large) == 0;
-     },
-     SilenceLog},
+     }},
     {"rtc_if_pppoe_start", [] { return rtc_if_pppoe_start("ppp7") == 0; },
      [] {
          InstallCommand("ps", "true");
          InstallCommand("pppd", "true");
          std::filesystem::create_directories("/etc/ppp");
-         SilenceLog();
      }},
     {"rtc_net_set_dns",
      [] {
          char Servers[] = "192.0.2.1 192.0.2.2";
          return rtc_net_set_dns(Servers) == 0;
-     },
-     SilenceLog},
+     }},
     {"OV_RTC4GmoduleCreateScript",
      [] {
          const OV_RTC_INTF_CONFIG_LTE Lte = {};
@@ -390,12 +436,18 @@ struct RCU_THREAD {
     RCU_THREAD &operator=(const RCU_THREAD &) = delete;
 };
 
-static void *CallCancelled(void *Arg)
+static const ROW *s_Row;
+
+static void *CallCancelled(void *Round)
 {
     const RCU_THREAD Registered;
 
+    s_CancelAt = *static_cast<int *>(Round);
+    if (s_CancelAt == 0) {
+        pthread_cancel(pthread_self());
+    }
+    s_Row->Calls();
     pthread_cancel(pthread_self());
-    static_cast<const ROW *>(Arg)->Calls();
     pthread_testcancel();
     return nullptr;
 }
@@ -408,37 +460,46 @@ static void Require(bool Holds, const std::string &Otherwise)
     }
 }
 
+static void JudgeRound(int Round, const std::string &Where)
+{
+    OV_THREAD_T Thread;
+    void *Result = nullptr;
+
+    errno = 77;
+    const OV_ERR_T Started = OV_ThreadRun(&Thread, nullptr, CallCancelled, &Round, "cancelled");
+    Require(Started == 0 && errno == 77, "a thread's start changes errno");
+    alarm(5);
+    pthread_join(Thread.Tid, &Result);
+    Require(Result == PTHREAD_CANCELED, Where + "was not cancelled");
+    Require(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD, Where + "left a child");
+    Require(s_Row->Calls() && s_IsWhole, Where + "does not work any more");
+}
+
 [[noreturn]] static void Judge(const ROW &Row)
 {
     const RCU_THREAD Registered;
 
+    s_Row = &Row;
     OV_AgentCustomLogCtor(LogLine, LogLineValist);
-    alarm(10);
+    alarm(5);
     if (Row.Prepare != nullptr) {
         Row.Prepare();
     }
     Require(Row.Calls(), "does not work at all");
+    s_Places = 0;
+    Require(Row.Calls(), "does not work twice");
+    const int Places = s_Places;
+    const std::string Before = Memory();
     const size_t Descriptors = OpenDescriptors();
     const size_t Threads = OpenThreads();
-    const std::string Before = Memory();
-
-    OV_THREAD_T Thread;
-    void *Result = nullptr;
-    errno = 77;
-    Require(OV_ThreadRun(&Thread, nullptr, CallCancelled, const_cast<ROW *>(&Row), "cancelled") ==
-                    0 &&
-                errno == 77,
-            "the start of a thread changed errno to " + std::to_string(errno));
-    pthread_join(Thread.Tid, &Result);
-    Require(Result == PTHREAD_CANCELED, "was not cancelled");
-    Require(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD, "a child is left over");
-    alarm(2);
-    Require(Row.Calls() && s_IsWhole, "does not work any more");
-    alarm(10);
-    Require(WaitUntil([&] { return OpenThreads() <= Threads; }, 1), "a thread is left over");
-    Require(WaitUntil([&] { return OpenDescriptors() <= Descriptors; }, 1),
-            std::to_string(OpenDescriptors() - Descriptors) + " descriptors are left over");
-    Require(Memory() == Before, "memory: " + Before + "-> " + Memory());
+    for (int Round = 0; Round <= Places; Round++) {
+        const std::string Where = "cancelled at " + std::to_string(Round) + ": ";
+        JudgeRound(Round, Where);
+        Require(WaitUntil([&] { return OpenThreads() <= Threads; }, 1), Where + "left a thread");
+        Require(WaitUntil([&] { return OpenDescriptors() <= Descriptors; }, 1),
+                Where + "left descriptors");
+        Require(Memory() == Before, Where + "memory " + Before + "-> " + Memory());
+    }
     _exit(0);
 }
 
