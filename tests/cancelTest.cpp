@@ -30,13 +30,16 @@
 #include "orvanePlatformRcu.h"
 #include "orvaneRtcIpRule.h"
 #include "orvaneRtcRoute.h"
+#include "orvaneScope.h"
 #include "orvaneThread.h"
 #include "testSupport.h"
 
+#include <algorithm>
 #include <errno.h>
 #include <filesystem>
 #include <linux/rtnetlink.h>
 #include <memory>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
@@ -104,7 +107,7 @@ PLACE(int, connect, (int Socket, const sockaddr *Peer, socklen_t Size), (Socket,
 PLACE(ssize_t, send, (int Socket, const void *Data, size_t Size, int Flags),
       (Socket, Data, Size, Flags))
 PLACE(ssize_t, recv, (int Socket, void *Data, size_t Size, int Flags), (Socket, Data, Size, Flags))
-PLACE(int, usleep, (useconds_t MicroSeconds), (MicroSeconds))
+PLACE(int, usleep, (useconds_t MicroSeconds), (std::min(MicroSeconds, 1000U)))
 
 /* ---- What the rows share ---- */
 
@@ -144,11 +147,18 @@ static void UseBoard()
 static bool BoardRests()
 {
     s_IsWhole &= BoardAttached()->SuperIo.ConfigurationMode == 0;
+    s_IsWhole &= BoardAttached()->Coil.PulseStart < 0;
     return s_IsWhole;
 }
 
 static int32_t s_Module;
 static OV_FLEXIBLE_MSG *s_Message;
+
+static void MakeMessage()
+{
+    OV_FlexMsgInit();
+    s_Message = OV_FlexMsgAlloc();
+}
 
 static OV_RTC_INTF_CONFIG Setting(u32 Type, u32 Val)
 {
@@ -257,10 +267,7 @@ static const ROW ROWS[] = {
          return OV_FlexMsgReallocData(s_Message, 8) != nullptr &&
                 OV_FlexMsgSetFormatData(s_Message, "%16d", 1) == 0;
      },
-     [] {
-         OV_FlexMsgInit();
-         s_Message = OV_FlexMsgAlloc();
-     }},
+     MakeMessage},
     {"OV_DispatchClient",
      [] {
          const bool Began = OV_DispatchClientInit() == 0;
@@ -281,10 +288,20 @@ static const ROW ROWS[] = {
      },
      Serve},
     {"OV_DispatchClientInit_Refused", [] { return OV_DispatchClientInit() == -ECONNREFUSED; }},
+    {"OV_ImcConnect",
+     [] {
+         OV_SOCKET Socket = -1;
+         const bool Connected = OV_ImcConnect(INADDR_LOOPBACK, 55435, &Socket) == 0;
+         const CANCEL_SCOPE Ours;
+         OV_SocketClose(Socket);
+         return Connected;
+     },
+     Serve},
     {"OV_ImcConf",
      [] {
          char Reply[8];
          const bool Began = OV_ImcConfClientInit() == 0;
+         OV_ImcRequstInitHdr(s_Message, 0, 0);
          const bool Exchanged = OV_ImcConfSet(0, 0, "set", 3) == 0 &&
                                 OV_ImcConfGet(0, 0, "get", 3, Reply, sizeof(Reply)) == 0 &&
                                 OV_ImcConfGet(0, 0, "cut", 3, Reply, 1) == -ENOBUFS &&
@@ -298,7 +315,10 @@ static const ROW ROWS[] = {
          OV_ImcConfClientRelease();
          return Began && Exchanged;
      },
-     Serve},
+     [] {
+         Serve();
+         MakeMessage();
+     }},
     {"OV_ImcConfClientInit_Refused",
      [] {
          return OV_ImcConfClientInit() == -ECONNREFUSED && OV_ImcConfSet(0, 0, "", 0) == -EBADF;
@@ -342,6 +362,15 @@ static const ROW ROWS[] = {
          return OV_RTCGenlMonitorUninit() == 0 && Began && Id == 0;
      },
      OpenCheckSocket},
+    {"OV_RTCMonitorSendAddrRequest",
+     [] {
+         OV_RTCMonitorSendAddrRequest();
+         return true;
+     },
+     [] {
+         OpenCheckSocket();
+         OV_RTCGenlMonitorInit();
+     }},
     {"OV_RTCGenlMonitorSendPtxNotify",
      [] {
          OV_CON_STATE_NOTIFY Notify = {};
@@ -395,7 +424,7 @@ static const ROW ROWS[] = {
          return OV_RTC4GmoduleCreateScript("ppp7", &Lte, 7) == 0;
      },
      [] { std::filesystem::create_directories("/etc/ppp"); }},
-    {"OV_RTCBypass", [] { return BoardRests() && OV_RTCBypass(2) == 0; }, UseBoard},
+    {"OV_RTCBypass", [] { return BoardRests() && OV_RTCBypass(1) == 0; }, UseBoard},
     {"OV_RTCFeedDog",
      [] {
          return BoardRests() && OV_RTCFeedDogInit(RTC_PLATFORM_QIYANG_J1900, 30) == 0 &&
@@ -412,20 +441,24 @@ static const ROW ROWS[] = {
 
 /* ---- The judge ---- */
 
-/* Every memory module with its counters. */
+/* Every memory module and pool with its counters. */
 static std::string Memory()
 {
-    std::string Text;
+    std::ostringstream Text;
 
     for (int32_t Module = 0; Module < OV_MEM_MODULE_COUNT; Module++) {
         OV_USEAGE_INFO Info = {};
         OV_MemGetUsage(Module, &Info);
         if (Info.Name[0] != '\0') {
-            Text.append(Info.Name).append(" " + std::to_string(Info.MemUsage));
-            Text += "+" + std::to_string(Info.VmemUsage) + " ";
+            Text << Info.Name << " " << Info.MemCounter << "+" << Info.VmemCounter << " ";
         }
     }
-    return Text;
+    for (int32_t Pool = 0; Pool < OV_MEMPOOL_COUNT; Pool++) {
+        MEMPOOL_INFO Info = {};
+        OV_MemPoolUsageById(Pool, &Info);
+        Text << Info.Name;
+    }
+    return Text.str();
 }
 
 struct RCU_THREAD {
@@ -466,19 +499,38 @@ static void Require(bool Holds, const std::string &Otherwise)
     }
 }
 
-static void JudgeRound(int Round, const std::string &Where)
+/* What a process holds, when nothing is under way. */
+struct HOLDINGS {
+    const size_t Descriptors = OpenDescriptors();
+    const size_t Threads = OpenThreads();
+    const std::string Kept = Memory();
+
+    /* Servers and detached threads end a moment later. */
+    void RequireNoMore(const std::string &Where) const
+    {
+        Require(WaitUntil([this] { return OpenThreads() <= Threads; }, 1), Where + "left a thread");
+        Require(WaitUntil([this] { return OpenDescriptors() <= Descriptors; }, 1),
+                Where + "left descriptors");
+        Require(Memory() == Kept, Where + "memory " + Kept + "-> " + Memory());
+        Require(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD, Where + "left a child");
+    }
+};
+
+static void JudgeRound(int Round, const HOLDINGS &Before)
 {
+    const std::string Where = "cancelled at " + std::to_string(Round) + ": ";
     OV_THREAD_T Thread;
     void *Result = nullptr;
 
+    alarm(5);
     errno = 77;
     const OV_ERR_T Started = OV_ThreadRun(&Thread, nullptr, CallCancelled, &Round, "cancelled");
     Require(Started == 0 && errno == 77, "a thread's start changes errno");
-    alarm(5);
     pthread_join(Thread.Tid, &Result);
     Require(Result == PTHREAD_CANCELED, Where + "was not cancelled");
-    Require(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD, Where + "left a child");
+    Before.RequireNoMore(Where);
     Require(s_Row->Calls() && s_IsWhole, Where + "does not work any more");
+    Before.RequireNoMore(Where + "called again, ");
 }
 
 [[noreturn]] static void Judge(const ROW &Row)
@@ -496,16 +548,9 @@ static void JudgeRound(int Round, const std::string &Where)
     s_Places = 0;
     Require(Row.Calls(), "does not work twice");
     const int Places = s_Places;
-    const std::string Before = Memory();
-    const size_t Descriptors = OpenDescriptors();
-    const size_t Threads = OpenThreads();
+    const HOLDINGS Before;
     for (int Round = 0; Round <= Places; Round++) {
-        const std::string Where = "cancelled at " + std::to_string(Round) + ": ";
-        JudgeRound(Round, Where);
-        Require(WaitUntil([&] { return OpenThreads() <= Threads; }, 1), Where + "left a thread");
-        Require(WaitUntil([&] { return OpenDescriptors() <= Descriptors; }, 1),
-                Where + "left descriptors");
-        Require(Memory() == Before, Where + "memory " + Before + "-> " + Memory());
+        JudgeRound(Round, Before);
     }
     s_Servers.clear();
     _exit(0);
