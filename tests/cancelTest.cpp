@@ -302,7 +302,8 @@ static const ROW ROWS[] = {
          char Reply[8];
          const bool Began = OV_ImcConfClientInit() == 0;
          OV_ImcRequstInitHdr(s_Message, 0, 0);
-         const bool Exchanged = OV_ImcConfSet(0, 0, "set", 3) == 0 &&
+         const bool Exchanged = OV_ImcConfigure(s_Message) == 0 &&
+                                OV_ImcConfSet(0, 0, "set", 3) == 0 &&
                                 OV_ImcConfGet(0, 0, "get", 3, Reply, sizeof(Reply)) == 0 &&
                                 OV_ImcConfGet(0, 0, "cut", 3, Reply, 1) == -ENOBUFS &&
                                 OV_ImcConfGetByFunc(
