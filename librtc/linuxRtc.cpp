@@ -17,16 +17,27 @@ static constexpr size_t LINE_SIZE = 1024;
 static constexpr mode_t CONTROL_FILE_MODE = 0666;
 static constexpr uint32_t PREFIX_LENGTH_DEFAULT = 32;
 
-/* A handler's signal that interrupts the wait for output is not its end. */
-static bool _ReadLine(FILE *Stream, char *Line, int Size)
+/* What fgets would read: up to a newline, the room or the end. But fgets forgets the start of a
+ * line when a handler's signal interrupts the wait for the rest. */
+static bool _ReadLine(FILE *Stream, char *Line, size_t Size)
 {
-    while (fgets(Line, Size, Stream) == nullptr) {
-        if (!ferror(Stream) || errno != EINTR) {
+    size_t Length = 0;
+
+    for (int Character = 0; Character != '\n' && Length < Size - 1;) {
+        Character = getc_unlocked(Stream); /* nobody else has the stream */
+        if (Character != EOF) {
+            Line[Length++] = static_cast<char>(Character);
+        } else if (!ferror(Stream)) {
+            break;
+        } else if (errno != EINTR) {
             return false;
+        } else {
+            clearerr(Stream);
+            errno = 0; /* a stream without a descriptor may fail without a reason */
         }
-        clearerr(Stream);
     }
-    return true;
+    Line[Length] = '\0';
+    return Length > 0;
 }
 
 /* Appends the lines of Stream to the empty Buf; false when one did not fit. */

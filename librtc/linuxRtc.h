@@ -2,7 +2,9 @@
  * The core of runtime control: shell commands, control files and the text of an address with its
  * prefix length. No state; any thread may call. Commands run through /bin/sh as separate
  * processes. A process that ignores SIGCHLD cannot see how its commands ended: the status of every
- * OV_RTCSystem is then a failure.
+ * OV_RTCSystem is then a failure. So it is, now and then, where another thread waits for children
+ * of any id, and takes the status of a command that way. A signal's handler that runs meanwhile
+ * changes no result.
  */
 #ifndef LINUX_RTC_H
 #define LINUX_RTC_H

@@ -89,6 +89,7 @@ static const char *_OutcomeText(int32_t Result)
  * *Opened false. */
 static OV_ERR_T _WriteNumberFile(const char *Path, const char *Prefix, int Number, bool *Opened)
 {
+    const CANCEL_SCOPE Whole;
     FILE *Stream = fopen(Path, "we");
 
     *Opened = Stream != nullptr;
@@ -124,6 +125,7 @@ int32_t OV_RTCFeedDogWritePidFile(void)
 
 int32_t OV_RTCFeedDogCheckRunning(void)
 {
+    const CANCEL_SCOPE Whole;
     long Number = 0; /* wider than a process id: one too large must not be cut to another's */
     {
         const STREAM_SCOPE Stream(fopen(FEEDDOG_PID_PATH, "re"));
@@ -176,6 +178,10 @@ int32_t OV_RTCBypass(const int Enable)
         return -ENOENT;
     }
 
+    /* Begun with the daemon: a process that ended between telling it and moving the relay would
+     * leave an appliance that nobody feeds. The command that asked for the board is behind us. */
+    const SEQUENCE_SCOPE Whole;
+
     /* A daemon that goes on feeding would drive the chip in the middle of the sequence below. */
     const OV_ERR_T Told = _OV_RTCFeedDogSignalSend(0);
     if (Told < 0) {
@@ -212,6 +218,7 @@ int32_t OV_RTCFeedDogInit(const int32_t Platform, const int32_t Timeout)
     if (Ops->FeedDogInit == nullptr) {
         return 0;
     }
+    const SEQUENCE_SCOPE Whole;
     const int32_t Result = Ops->FeedDogInit(Timeout);
     OV_LOG_INFO("feeddog init %s(ret: %d timeout: %d)", _OutcomeText(Result), Result, Timeout);
     return Result;
@@ -225,6 +232,7 @@ int32_t OV_RTCFeedDog(const int32_t Platform, const int32_t Timeout)
         return -1;
     }
     if (Ops->FeedDog != nullptr) {
+        const SEQUENCE_SCOPE Whole;
         Ops->FeedDog(static_cast<uint32_t>(Timeout));
     }
     return 0;
@@ -240,6 +248,7 @@ int32_t OV_RTCFeedDogUninit(const int32_t Platform)
     if (Ops->FeedDogUninit == nullptr) {
         return 0;
     }
+    const SEQUENCE_SCOPE Whole;
     const int32_t Result = Ops->FeedDogUninit();
     OV_LOG_INFO("feeddog uninit %s(ret: %d)", _OutcomeText(Result), Result);
     return Result;

@@ -10,6 +10,10 @@
  *   SIGUSR1, SIGUSR2      to the daemon: feed, and stop feeding (sent before the relay is moved)
  *
  * Port I/O needs root. The calls are not for several threads or processes at once.
+ *
+ * A sequence on the chip is never left half done: signals to the calling thread (but those of a
+ * fault, and SIGKILL) and its cancellation wait until it is over. Signals to a process of several
+ * threads wait only where the others block them, too.
  */
 #ifndef LINUX_RTC_BYPASS_H
 #define LINUX_RTC_BYPASS_H
@@ -25,7 +29,9 @@ int32_t OV_RTCBypassPlatFormGet(void);
 /* Silences a running daemon, then moves the relay: 0 no-bypass, 1 bypass. Returns the driver's
  * result, -EINVAL when the board cannot be detected, -ENOENT when it has no bypass, or -1 when the
  * daemon could not be told (the relay is then not touched). Takes a second where the relay
- * wants a pulse. */
+ * wants a pulse. Signals wait from before the daemon is silenced until the outcome is in the log,
+ * not while the board is detected. On the QiYang board the call repeats giving up the port rights
+ * until that succeeds: between the attempts signals act. */
 int32_t OV_RTCBypass(const int Enable);
 
 /* Records whether the daemon is to feed and signals it; enabling restarts the service when none

@@ -9,6 +9,7 @@
 #ifndef LINUX_RTC_BYPASS_INTERNAL_H
 #define LINUX_RTC_BYPASS_INTERNAL_H
 
+#include "orvaneScope.h"
 #include "orvaneTypes.h"
 
 typedef int (*BYPASS_FUNC)(int Enable);
@@ -57,5 +58,45 @@ int OV_RTCLihua8865Bypass(int Enable);
 int32_t OV_RTCLihua8865FeedDogInit(const int Timeout);
 int32_t OV_RTCLihua8865FeedDog(const uint32_t Timeout);
 int32_t OV_RTCLihua8865FeedDogUninit(void);
+
+/* A sequence on a chip: half of it leaves a coil energised or the chip in configuration mode. So
+ * signals to this thread, and its cancellation, wait until the scope ends. */
+class SEQUENCE_SCOPE {
+  public:
+    SEQUENCE_SCOPE() : Outer(std::exchange(s_Current, this)) {}
+    ~SEQUENCE_SCOPE()
+    {
+        s_Current = Outer;
+    }
+    SEQUENCE_SCOPE(const SEQUENCE_SCOPE &) = delete;
+    SEQUENCE_SCOPE &operator=(const SEQUENCE_SCOPE &) = delete;
+
+    /* For a driver whose chip is at rest, but which goes on: signals that the caller of the
+     * sequence lets through act now. */
+    static void LetSignalsAct()
+    {
+        sigset_t Blocked;
+
+        if (s_Current != nullptr) {
+            pthread_sigmask(SIG_SETMASK, &s_Current->OfCaller, &Blocked);
+            pthread_sigmask(SIG_SETMASK, &Blocked, nullptr);
+        }
+    }
+
+  private:
+    static sigset_t Mask()
+    {
+        sigset_t Now;
+
+        pthread_sigmask(SIG_SETMASK, nullptr, &Now);
+        return Now;
+    }
+
+    const sigset_t OfCaller = Mask(); /* before the scope below changes it */
+    const CANCEL_SCOPE Uncancelled;
+    const SIGNAL_SCOPE Undisturbed;
+    const SEQUENCE_SCOPE *const Outer;
+    static inline constinit thread_local const SEQUENCE_SCOPE *s_Current = nullptr;
+};
 
 #endif

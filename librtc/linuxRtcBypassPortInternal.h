@@ -9,8 +9,10 @@
 #ifndef LINUX_RTC_BYPASS_PORT_INTERNAL_H
 #define LINUX_RTC_BYPASS_PORT_INTERNAL_H
 
+#include <errno.h>
 #include <stdint.h>
 #include <sys/io.h>
+#include <time.h>
 #include <unistd.h>
 
 constexpr int SIO_INDEX_PORT = 0x2E;
@@ -37,9 +39,27 @@ static inline uint32_t OV_RTCInPortl(int port)
     return inl_p(static_cast<uint16_t>(port));
 }
 
+static inline int64_t _MicroSeconds()
+{
+    struct timespec Now;
+
+    clock_gettime(CLOCK_MONOTONIC, &Now);
+    return int64_t{Now.tv_sec} * 1000000 + Now.tv_nsec / 1000;
+}
+
+/* What the hardware is given to move is never less: a handler's signal ends the sleep, not the
+ * pause. */
 static inline void OV_RTCDelay(int ms)
 {
-    usleep(static_cast<useconds_t>(ms) * 1000);
+    const useconds_t Whole = static_cast<useconds_t>(ms) * 1000;
+    const int64_t End = _MicroSeconds() + Whole;
+
+    for (int64_t Left = Whole; usleep(static_cast<useconds_t>(Left)) != 0 && errno == EINTR;) {
+        Left = End - _MicroSeconds();
+        if (Left <= 0) {
+            return;
+        }
+    }
 }
 
 static inline void Write_SIO(int index, int data, uint8_t reg, uint8_t value)

@@ -253,7 +253,8 @@ int OV_RTCQiYangJ1900Bypass(int Enable)
         _MoveRelay(0);
     }
 
-    /* A process must not keep the rights it raised: this goes on until they are given up. */
+    /* A process must not keep the rights it raised: this goes on until they are given up, or a
+     * signal ends the process and the rights with it. */
     for (;;) {
         _OV_RTCQiYangJ1900BypassUninit();
         const int Result = iopl(0);
@@ -261,6 +262,7 @@ int OV_RTCQiYangJ1900Bypass(int Enable)
             return Result;
         }
         OV_LOG_ERROR("Hard Bypass error(ret: %d)", Result);
+        SEQUENCE_SCOPE::LetSignalsAct();
     }
 }
 

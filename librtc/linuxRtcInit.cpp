@@ -119,6 +119,7 @@ void OV_RTCBaseExit(void)
 
 OV_ERR_T OV_RTCInit(const char *LogFile)
 {
+    const CANCEL_SCOPE Whole;
     OV_ERR_T Result = OV_FlexMsgInit();
     if (Result < 0) {
         OV_LOG_ERROR("OV_FlexMsgInit(err: %d)", Result);
@@ -139,6 +140,8 @@ OV_ERR_T OV_RTCInit(const char *LogFile)
 
 void OV_RTCExit(void)
 {
+    const CANCEL_SCOPE Whole;
+
     OV_RTCBaseExit();
     OV_FlexMsgRelease();
     OV_RTCMonitorUninit();

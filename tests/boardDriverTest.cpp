@@ -9,6 +9,7 @@
  */
 #include "boardModel.h"
 #include "boardTrap.h"
+#include "linuxRtcBypass.h"
 #include "linuxRtcBypassInternal.h"
 #include "linuxRtcBypassLihua8865Internal.h"
 #include "orvaneSafeStr.h"
@@ -19,6 +20,7 @@
 #include <signal.h>
 #include <sys/io.h>
 #include <sys/mman.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 static const char *const BOARD_PATH = "/tmp/board";
@@ -171,6 +173,40 @@ TEST_F(BoardDriver, QiYangJ1900)
           {Do(OV_RTCQiYangJ1900FeedDog, 0U), STOP.substr(1) + PINS + RESET, OFF, 0},
           {Do(OV_RTCQiYangJ1900FeedDogUninit), "2E<AAp", OFF, 0}});
     EXPECT_EQ(Board->FaultCount, 0U); /* a pulse shorter than a second would be one */
+}
+
+/* Handled while the object lives, SIGALRM comes at short intervals. */
+class ALARMS {
+  public:
+    explicit ALARMS(suseconds_t MicroSeconds, void (*Handler)(int))
+    {
+        const struct itimerval Often = {{0, MicroSeconds}, {0, MicroSeconds}};
+        struct sigaction Action = {};
+
+        Action.sa_handler = Handler; /* without SA_RESTART */
+        sigaction(SIGALRM, &Action, nullptr);
+        setitimer(ITIMER_REAL, &Often, nullptr);
+    }
+    ~ALARMS()
+    {
+        const struct itimerval Never = {};
+        setitimer(ITIMER_REAL, &Never, nullptr);
+    }
+};
+static volatile sig_atomic_t gs_Alarms;
+static volatile sig_atomic_t gs_AlarmsInside; /* with the chip in configuration mode */
+
+TEST_F(BoardDriver, ASignalDoesNotCutThePulseShort)
+{
+    Use("Aptio CRB");
+    gs_Alarms = 0;
+    {
+        const ALARMS Often(100000, [](int) { gs_Alarms = gs_Alarms + 1; });
+        EXPECT_EQ(OV_RTCQiYangJ1900Bypass(1), 0);
+    }
+    EXPECT_GE(gs_Alarms, 5);
+    EXPECT_EQ(BoardRelay(Board, 1), ON);
+    EXPECT_EQ(Board->FaultCount, 0U);
 }
 
 static const std::string HUIER_ENTER = "2E<87 2E<01 2E<55 2E<55 [07]<07 ";
@@ -363,6 +399,28 @@ TEST_F(BoardDriver, AHungAppliance)
         EXPECT_EQ(Ops.FeedDog(30), 0);
         EXPECT_EQ(BoardRelay(Board, 1), OFF);
         EXPECT_EQ(Board->ResetCount, 0U);
+    }
+}
+
+/* A daemon's handlers run before or after what it does to the chip. */
+TEST_F(BoardDriver, NoSignalInTheMiddleOfAFeeding)
+{
+    for (const int Platform : {2, 4}) {
+        SCOPED_TRACE(PRODUCTS[Platform]);
+        Use(PRODUCTS[Platform]);
+        gs_Alarms = 0;
+        gs_AlarmsInside = 0;
+        const ALARMS Often(200, [](int) {
+            gs_Alarms = gs_Alarms + 1;
+            gs_AlarmsInside =
+                gs_AlarmsInside + (BoardAttached()->SuperIo.ConfigurationMode != 0 ? 1 : 0);
+        });
+        while (gs_Alarms < 200) {
+            EXPECT_EQ(OV_RTCFeedDogInit(Platform, 30), 0);
+            EXPECT_EQ(OV_RTCFeedDog(Platform, 30), 0);
+            EXPECT_EQ(OV_RTCFeedDogUninit(Platform), 0);
+        }
+        EXPECT_EQ(gs_AlarmsInside, 0);
     }
 }
 

@@ -79,6 +79,17 @@ class BypassCmd : public testing::Test {
     {
         Daemon = Start(Arguments, "/tmp/feeddog.output");
     }
+    /* It feeds, or its watchdog is stopped, and it waits for what comes next: it is not in the
+     * middle of the chip's sequence. */
+    bool DaemonRests(bool Feeding)
+    {
+        const std::string Call = "/proc/" + std::to_string(Daemon) + "/syscall";
+        const std::string Waiting = std::to_string(SYS_rt_sigtimedwait) + " ";
+        return WaitUntil([&] {
+            return (BoardWatchdogRemaining(Board) > 0) == Feeding &&
+                   ReadFile(Call).starts_with(Waiting);
+        });
+    }
     int StopDaemon()
     {
         if (Daemon < 0) {
@@ -97,9 +108,22 @@ class BypassCmd : public testing::Test {
         }
         return true;
     }
+    /* What Look finds while no process is in the middle of an access. */
+    template <typename LOOK>
+    auto Locked(LOOK Look) const
+    {
+        BoardLock(Board);
+        auto Found = Look();
+        BoardUnlock(Board);
+        return Found;
+    }
     /* The trace in letters: d the daemon, t a port access of the tool's, S its signal to the
      * daemon, which is told to be silent. */
     std::string Order() const
+    {
+        return Locked([&] { return Letters(); });
+    }
+    std::string Letters() const
     {
         std::string Letters;
         for (uint32_t Index = 0; Index < Board->TraceCount; Index++) {
@@ -216,11 +240,11 @@ TEST_F(BypassCmd, ARunningDaemonIsSilencedFirst)
         SetUp();
         Use(Name);
         StartDaemon({"feeddog", "-t", "60", "-p", "1", "-q", "2"});
-        ASSERT_TRUE(WaitUntil([&] { return BoardWatchdogRemaining(Board) > 0; }));
+        ASSERT_TRUE(DaemonRests(true));
 
         EXPECT_EQ(Run({"bypass_cmd", "-b", "1"}), 0);
         EXPECT_TRUE(Relays(RELAY_BYPASS));
-        EXPECT_TRUE(WaitUntil([&] { return BoardWatchdogRemaining(Board) == 0; }));
+        EXPECT_TRUE(DaemonRests(false));
         EXPECT_TRUE(Relays(RELAY_BYPASS)) << "stopped, not expired";
 
         EXPECT_TRUE(std::regex_match(Order(), std::regex("d+Sd*t+d*"))) << Order();
@@ -228,20 +252,19 @@ TEST_F(BypassCmd, ARunningDaemonIsSilencedFirst)
 
         /* Enabling wakes it, and it ends with its watchdog stopped and its file removed. */
         EXPECT_EQ(Run({"bypass_cmd", "-b", "0", "-m", "1"}), 0);
-        EXPECT_TRUE(WaitUntil([&] { return BoardWatchdogRemaining(Board) > 0; }));
+        ASSERT_TRUE(DaemonRests(true));
 
         /* Both signals before it looks: the file says what was meant. */
-        const std::string Call = "/proc/" + std::to_string(Daemon) + "/syscall";
-        const std::string Waiting = std::to_string(SYS_rt_sigtimedwait) + " ";
-        ASSERT_TRUE(WaitUntil([&] { return ReadFile(Call).starts_with(Waiting); }));
-        kill(Daemon, SIGSTOP); /* not in the middle of the chip's sequence */
+        kill(Daemon, SIGSTOP);
         EXPECT_EQ(Run({"bypass_cmd", "-b", "0", "-m", "1"}), 0);
         const auto Feedings = [&] {
-            return std::count_if(Board->Trace, Board->Trace + Board->TraceCount,
-                                 [](const BOARD_ACCESS &Entry) {
-                                     return std::string(Entry.Process) == "feeddog" &&
-                                            Contains(Entry.Note, "watchdog counter");
-                                 });
+            return Locked([&] {
+                return std::count_if(Board->Trace, Board->Trace + Board->TraceCount,
+                                     [](const BOARD_ACCESS &Entry) {
+                                         return std::string(Entry.Process) == "feeddog" &&
+                                                Contains(Entry.Note, "watchdog counter");
+                                     });
+            });
         };
         const auto Before = Feedings();
         kill(Daemon, SIGCONT);
@@ -257,6 +280,49 @@ TEST_F(BypassCmd, ARunningDaemonIsSilencedFirst)
         EXPECT_FALSE(std::filesystem::exists(PID_PATH));
         EXPECT_EQ(Board->FaultCount, 0U);
     }
+}
+
+/* What ends the tool in the middle waits until the coil is at rest and the chip left. */
+TEST_F(BypassCmd, ASignalWaitsForTheRelay)
+{
+    for (const int Signal : {SIGINT, SIGTERM}) {
+        SCOPED_TRACE(Signal);
+        SetUp();
+        Use("Aptio CRB");
+        const pid_t Tool = Start({"bypass_cmd", "-b", "1", "-m", "1"}, OUTPUT_PATH);
+        ASSERT_TRUE(WaitUntil([&] { return Locked([&] { return Board->Coil.PulseStart >= 0; }); }));
+        kill(Tool, Signal);
+        EXPECT_EQ(WaitForProcess(Tool), 128 + Signal);
+        EXPECT_TRUE(Relays(RELAY_BYPASS));
+        EXPECT_EQ(Board->Coil.PulseStart, -1);
+        EXPECT_EQ(Board->SuperIo.ConfigurationMode, 0U);
+        EXPECT_EQ(Board->FaultCount, 0U);
+        EXPECT_TRUE(ReadFile(LOG_PATH).ends_with("]set QiYang-J1900 bypass success(ret: 0)\n"));
+        EXPECT_FALSE(std::filesystem::exists(CONF_PATH)) << "the mode is no part of the sequence";
+    }
+}
+
+/* Where nothing is at stake a signal ends the tool at once. */
+TEST_F(BypassCmd, ASignalDoesNotWaitForTheRest)
+{
+    Use("Aptio CRB");
+    InstallCommand("dmidecode", "touch /tmp/asked; sleep 2; echo $RTC_BOARD_NAME");
+    pid_t Tool = Start({"bypass_cmd", "-b", "1"}, OUTPUT_PATH);
+    ASSERT_TRUE(WaitUntil([] { return std::filesystem::exists("/tmp/asked"); }));
+    kill(Tool, SIGTERM);
+    EXPECT_EQ(WaitForProcess(Tool), 128 + SIGTERM);
+    EXPECT_EQ(Order(), "");
+    std::filesystem::remove("/run/commands/dmidecode");
+
+    /* Rights that are never given up: the relay has moved, the chip is left. */
+    Board->RefuseLower = -1;
+    Tool = Start({"bypass_cmd", "-b", "1"}, OUTPUT_PATH);
+    ASSERT_TRUE(
+        WaitUntil([] { return Contains(ReadFile(LOG_PATH), "]Hard Bypass error(ret: -1)\n"); }));
+    kill(Tool, SIGTERM);
+    EXPECT_EQ(WaitForProcess(Tool), 128 + SIGTERM);
+    EXPECT_TRUE(Relays(RELAY_BYPASS));
+    EXPECT_EQ(Board->SuperIo.ConfigurationMode, 0U);
 }
 
 TEST_F(BypassCmd, TheDaemonFollowsItsFile)

@@ -231,15 +231,21 @@ TEST_F(Bypass, PidFilesThatNameNoDaemon)
 /* The board is a Huier; port access would end this process, which has no rights to it. */
 TEST_F(Bypass, TheRelayStaysWhenTheDaemonCannotBeTold)
 {
+    static volatile sig_atomic_t s_Handled;
     PEER Peer;
 
     InstallCommand("dmidecode", "echo B1904");
+    signal(SIGTERM, [](int) { s_Handled = 1; });
     gs_BeforeKill = [&](pid_t, int Signal) {
         if (Signal != 0) {
             Peer.End(SIGKILL); /* between the probe and the signal */
+            raise(SIGTERM);
+            EXPECT_EQ(s_Handled, 0) << "ended here, it would leave a silenced daemon";
         }
     };
     EXPECT_EQ(OV_RTCBypass(1), -1);
+    EXPECT_EQ(s_Handled, 1);
+    signal(SIGTERM, SIG_DFL);
     const STRINGS Log = TakeLog();
     ASSERT_EQ(Log.size(), 2U);
     EXPECT_TRUE(IsLogLine(Log[1], "INFO", "_OV_RTCFeedDogSignalSend",

@@ -167,6 +167,7 @@ RecordSystemLog(int Priority, const char *Format, va_list Args)
 {
     char Line[1024];
 
+    pthread_testcancel(); /* as in the real one */
     vsnprintf(Line, sizeof(Line), Format, Args);
     const std::lock_guard Guard(gs_LogLock);
     gs_SystemLog.push_back(std::to_string(Priority) + " " + Line);

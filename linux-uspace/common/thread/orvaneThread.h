@@ -30,10 +30,12 @@ OV_EXTERN_C_END
 /* Starts Func(Arg) with the attributes (null: the default ones) and stores its id in *Thread, which
  * the new thread itself must not rely on. A Name of at most 15 characters is given to the thread,
  * a longer one is not; a detached thread that is given one must not end before this call does.
- * Returns 0 or the negated errno that the failed creation left, where it left none its own code. */
+ * Returns 0, with errno as it was, or the negated errno that the failed creation left, where it
+ * left none its own code. */
 static inline OV_ERR_T OV_PlatformThreadRun(OV_THREAD_T *Thread, const pthread_attr_t *Attr,
                                             void *(*Func)(void *), void *Arg, const char *Name)
 {
+    const int ErrnoBefore = errno;
     pthread_t Tid;
     int Error;
 
@@ -49,6 +51,7 @@ static inline OV_ERR_T OV_PlatformThreadRun(OV_THREAD_T *Thread, const pthread_a
     if (Name != NULL && strlen(Name) < OV_THREAD_NAME_SIZE) {
         pthread_setname_np(Tid, Name);
     }
+    errno = ErrnoBefore;
     return 0;
 }
 
