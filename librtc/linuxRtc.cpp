@@ -1,5 +1,6 @@
 #include "linuxRtc.h"
 
+#include "orvaneGateInternal.h"
 #include "orvaneLibrtcLog.h"
 #include "orvaneSafeStr.h"
 #include "orvaneScope.h"
@@ -7,6 +8,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -16,6 +18,105 @@ static constexpr size_t COMMAND_SIZE = 1024;
 static constexpr size_t LINE_SIZE = 1024;
 static constexpr mode_t CONTROL_FILE_MODE = 0666;
 static constexpr uint32_t PREFIX_LENGTH_DEFAULT = 32;
+
+/* Who is inside of popen, pclose or system. These have locks of libc's, which a fork leaves held: a
+ * child that was forked meanwhile starts its shells without them. */
+static constinit VISITORS s_InLibc;
+
+/* A command whose output is read. */
+struct SHELL_OUTPUT {
+    FILE *Stream;
+    pid_t Shell; /* 0: popen's, which has its own record */
+};
+
+static pid_t _SpawnShell(const char *Command, const posix_spawn_file_actions_t *Actions)
+{
+    char *const Arguments[] = {const_cast<char *>("sh"), const_cast<char *>("-c"),
+                               const_cast<char *>(Command), nullptr};
+    pid_t Shell;
+
+    return posix_spawn(&Shell, "/bin/sh", Actions, nullptr, Arguments, environ) == 0 ? Shell : -1;
+}
+
+/* Its status, -1 when that cannot be known. */
+static int _WaitForShell(pid_t Shell)
+{
+    int Status = -1;
+
+    while (waitpid(Shell, &Status, 0) < 0) {
+        if (errno != EINTR) {
+            return -1;
+        }
+    }
+    return Status;
+}
+
+static SHELL_OUTPUT _OpenOwnOutput(const char *Command)
+{
+    posix_spawn_file_actions_t Actions;
+    int Ends[2];
+
+    if (pipe2(Ends, O_CLOEXEC) != 0) {
+        return {nullptr, 0};
+    }
+    DESCRIPTOR_SCOPE Reading(Ends[0]);
+    const DESCRIPTOR_SCOPE Writing(Ends[1]);
+    STREAM_SCOPE Stream(fdopen(Reading.Get(), "r"));
+    if (!Stream) {
+        return {nullptr, 0};
+    }
+    Reading.Release();
+    posix_spawn_file_actions_init(&Actions);
+    posix_spawn_file_actions_adddup2(&Actions, Writing.Get(), STDOUT_FILENO);
+    const pid_t Shell = _SpawnShell(Command, &Actions);
+    posix_spawn_file_actions_destroy(&Actions);
+    return {Shell > 0 ? Stream.release() : nullptr, Shell};
+}
+
+static SHELL_OUTPUT _OpenOutput(const char *Command)
+{
+    if (s_InLibc.WereLost()) {
+        return _OpenOwnOutput(Command);
+    }
+    const unsigned Ticket = s_InLibc.Enter();
+    FILE *Stream = popen(Command, "re");
+    s_InLibc.Leave(Ticket);
+    return {Stream, 0};
+}
+
+/* Waits for the command. */
+static void _CloseOutput(const SHELL_OUTPUT &Output)
+{
+    if (Output.Shell != 0) {
+        fclose(Output.Stream);
+        _WaitForShell(Output.Shell);
+        return;
+    }
+    const unsigned Ticket = s_InLibc.Enter();
+    pclose(Output.Stream);
+    s_InLibc.Leave(Ticket);
+}
+
+static void _LeaveLibc(void *Ticket)
+{
+    s_InLibc.Leave(*static_cast<unsigned *>(Ticket));
+}
+
+/* What system returns; it may be cancelled, and then ends the shell. */
+static int _RunShell(const char *Command)
+{
+    if (s_InLibc.WereLost()) {
+        const CANCEL_SCOPE Whole;
+        const pid_t Shell = _SpawnShell(Command, nullptr);
+        return Shell > 0 ? _WaitForShell(Shell) : -1;
+    }
+    unsigned Ticket = s_InLibc.Enter();
+    int Status;
+    pthread_cleanup_push(_LeaveLibc, &Ticket);
+    Status = system(Command);
+    pthread_cleanup_pop(1);
+    return Status;
+}
 
 /* What fgets would read: up to a newline, the room or the end. But fgets forgets the start of a
  * line when a handler's signal interrupts the wait for the rest. */
@@ -73,15 +174,15 @@ int OV_RTCExecCmd(const char *cmd, char *buf, size_t size)
         size = INT_MAX; /* the count returned is an int */
     }
 
-    FILE *Pipe = cmd == nullptr ? nullptr : popen(Command, "re");
-    if (Pipe == nullptr) {
+    const SHELL_OUTPUT Output = cmd == nullptr ? SHELL_OUTPUT{} : _OpenOutput(Command);
+    if (Output.Stream == nullptr) {
         printf("invalid cmd %s\n", cmd);
         return 0;
     }
-    if (!_CaptureLines(Pipe, buf, size, &Count)) {
+    if (!_CaptureLines(Output.Stream, buf, size, &Count)) {
         OV_LOG_ERROR("csn_exec_cmd: over size");
     }
-    pclose(Pipe);
+    _CloseOutput(Output);
     return static_cast<int>(Count);
 }
 
@@ -90,7 +191,7 @@ int OV_RTCSystem(const char *cmd)
     OV_LOG_INFO("%s", cmd);
 
     /* system(NULL) would only ask whether there is a shell. */
-    const int Status = cmd == nullptr ? -1 : system(cmd);
+    const int Status = cmd == nullptr ? -1 : _RunShell(cmd);
     if (Status != -1 && WIFEXITED(Status) && WEXITSTATUS(Status) == 0) {
         return 0;
     }

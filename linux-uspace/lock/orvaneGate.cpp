@@ -8,6 +8,7 @@ void VISITORS::Free(FORK_NODE *Node)
 {
     auto *Self = static_cast<VISITORS *>(Node);
 
+    Self->AnyLost = Self->AnyLost || Self->Inside != 0;
     Self->Inside = 0;
     Self->Generation++;
 }

@@ -30,6 +30,11 @@ class VISITORS : private FORK_NODE {
     void Leave(unsigned Ticket);
     /* Not to be called from inside. */
     void WaitUntilEmpty();
+    /* In a child: at a fork somebody was inside whom the child does not have. */
+    bool WereLost() const
+    {
+        return AnyLost;
+    }
 
   private:
     static const FORK_KIND KIND;
@@ -39,6 +44,7 @@ class VISITORS : private FORK_NODE {
     FORK_CONDITION Left;
     unsigned Inside = 0;
     unsigned Generation = 0; /* how many forks lie between this process and the first */
+    bool AnyLost = false;
 };
 
 class GATE : private FORK_NODE {
