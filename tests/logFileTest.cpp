@@ -122,13 +122,14 @@ TEST_F(LogFile, AFullDiskLosesLinesUntilThereIsRoom)
     }
     EXPECT_EQ(errno, ENOTTY);
     EXPECT_EQ(ReadFile(LIVE + ".0"), "history") << "lines that nobody wrote rotated it away";
-    const std::string Full = ReadFile(LIVE);
-    EXPECT_NE(Full.back(), '\n');
+    EXPECT_EQ(ReadFile(LIVE).back(), 'y');
     unlink((FOLDER + "/ballast").c_str());
     OV_Log2File(Id, "room again\n");
     OV_Log2File(Id, "and more\n");
-    EXPECT_EQ(Unstamped(LIVE).substr(Unstamped(LIVE).rfind('y') + 1), "\n@room again\n@and more\n");
     OV_LogFileRelease(Id);
+    const std::string Written = ReadFile(LIVE);
+    WriteFile(LIVE, Written.substr(Written.rfind('y') + 1));
+    EXPECT_EQ(Unstamped(LIVE), "\n@room again\n@and more\n");
     EXPECT_EQ(umount(FOLDER.c_str()), 0);
 }
 
