@@ -115,7 +115,9 @@ static std::string UseMemoryInChild()
     OV_MemGetUsage(Id, &Info);
     OV_MemFree(Id, Block);
     OV_MemModUnRegister(Id);
-    return Unless(Block != nullptr && Info.MemCounter == 1 && Info.MemUsage == 112, "memory");
+    return Unless(Block != nullptr && Info.MemCounter == 1 && Info.MemUsage == 112,
+                  "memory: module " + std::to_string(Id) + ", blocks " +
+                      std::to_string(Info.MemCounter) + ", bytes " + std::to_string(Info.MemUsage));
 }
 
 static void UsePools()

@@ -124,6 +124,9 @@ static void _Charge(int32_t ModId, int32_t _OV_MEM_USEAGE::*Counter, int32_t Blo
     _OV_MEM_USEAGE &Module = g_TraceMem[ModId];
     const LOCK_SCOPE Lock(Module.Lock);
 
+    if (Module.State.load(std::memory_order_relaxed) == 0) {
+        return; /* the module went since the caller looked: the slot's next one starts at 0 */
+    }
     Module.*Counter += Blocks;
     Module.*Usage = static_cast<int32_t>(static_cast<uint32_t>(Module.*Usage) + Bytes);
 }

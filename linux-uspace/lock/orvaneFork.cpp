@@ -3,16 +3,17 @@
 #include <errno.h>
 #include <limits.h>
 #include <linux/futex.h>
-#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 static constexpr time_t WAIT_SECONDS = 1; /* of a fork, for all locks together */
 static constexpr long STAND_BACK_NANOSECONDS = 2000000;
+static constexpr long NAP_NANOSECONDS = 20000; /* of a fork, between two tries */
 
 /* One fork at a time: they share the marks in the nodes. */
 static pthread_mutex_t s_ForkLock = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<int> g_ForksPending;
+std::atomic<int> g_ForkClosedRank{-1};
 
 /* Guards the list while a node is added; a fork holds it, too, so that none is added meanwhile. It
  * is taken after all others. Nodes stay for ever, sorted by rank, and may be walked without it. */
@@ -43,10 +44,13 @@ static void _UnlockNotes()
 
 static void _GiveBackAll()
 {
+    g_ForkClosedRank = -1;
     for (FORK_NODE *Node = _NextOf(s_First); Node != nullptr; Node = _NextOf(Node->Next)) {
         if (Node->IsTaken) {
             Node->IsTaken = false;
-            Node->Kind->GiveBack(Node);
+            if (Node->Kind->GiveBack != nullptr) {
+                Node->Kind->GiveBack(Node);
+            }
         }
     }
 }
@@ -95,10 +99,10 @@ static void _InParent()
 
 static void _InChild()
 {
-    static constexpr pthread_mutex_t FREE = PTHREAD_MUTEX_INITIALIZER;
-
-    s_NotesLock = s_ForkLock = FREE;
+    _UnlockNotes();
+    OV_MUTEX_ASSERT(pthread_mutex_unlock(&s_ForkLock));
     g_ForksPending = 0;
+    g_ForkClosedRank = -1;
     for (FORK_NODE *Node = _NextOf(s_First); Node != nullptr; Node = _NextOf(Node->Next)) {
         if (Node->Kind->Free != nullptr) {
             Node->Kind->Free(Node);
@@ -165,15 +169,30 @@ void _OV_ForkStandBack()
     errno = CallerErrno;
 }
 
-bool _OV_ForkTakeSpinlock(OV_SPINLOCK_T *Spin, const struct timespec &Deadline)
+/* It tries, again and again, since others stand back: a wait for a mutex until a moment on the
+ * monotonic clock is one that the thread sanitizer does not see. */
+template <typename LOCK>
+static bool _Take(int (*Try)(LOCK *), LOCK *Lock, const struct timespec &Deadline)
 {
-    while (pthread_spin_trylock(Spin) != 0) {
+    static constexpr struct timespec NAP = {0, NAP_NANOSECONDS};
+
+    while (Try(Lock) != 0) {
         if (_IsPast(Deadline)) {
             return false;
         }
-        sched_yield();
+        _Futex(FUTEX_WAIT_PRIVATE, g_ForksPending, &NAP);
     }
     return true;
+}
+
+bool _OV_ForkDrainSpinlock(FORK_RANK Rank, OV_SPINLOCK_T *Spin, const struct timespec &Deadline)
+{
+    g_ForkClosedRank = Rank;
+    const bool IsFree = _Take(pthread_spin_trylock, Spin, Deadline);
+    if (IsFree) {
+        OV_SpinUnlock(Spin);
+    }
+    return IsFree;
 }
 
 constinit const FORK_KIND FORK_MUTEX::MOMENT = {nullptr, Take, GiveBack, Free};
@@ -183,7 +202,7 @@ bool FORK_MUTEX::Take(FORK_NODE *Node, const struct timespec &Deadline)
 {
     auto *Self = static_cast<FORK_MUTEX *>(Node);
 
-    if (pthread_mutex_clocklock(&Self->Mutex, CLOCK_MONOTONIC, &Deadline) != 0) {
+    if (!_Take(pthread_mutex_trylock, &Self->Mutex, Deadline)) {
         return false;
     }
     Self->Enter();
@@ -205,6 +224,7 @@ void FORK_MUTEX::Free(FORK_NODE *Node)
 
     if (Self->IsTaken) {
         Held--;
+        pthread_mutex_unlock(&Self->Mutex); /* refused, but the thread sanitizer keeps its books */
     } else if (Self->Owner != 0 && Held == 0) {
         Self->Torn = true;
     }

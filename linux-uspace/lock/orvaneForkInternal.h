@@ -105,8 +105,13 @@ inline void _OV_ForkGiveWay()
     }
 }
 
-/* false when the deadline (CLOCK_MONOTONIC) passed first. */
-bool _OV_ForkTakeSpinlock(OV_SPINLOCK_T *Spin, const struct timespec &Deadline);
+/* Up to which rank a fork has closed the spin locks, -1: none. It does not hold them: there may be
+ * hundreds. */
+extern std::atomic<int> g_ForkClosedRank;
+
+/* Closes the rank and waits until nobody has the lock; false when the deadline (CLOCK_MONOTONIC)
+ * passed first. */
+bool _OV_ForkDrainSpinlock(FORK_RANK Rank, OV_SPINLOCK_T *Spin, const struct timespec &Deadline);
 
 /* The library's mutex: recursive. */
 class FORK_MUTEX : private FORK_NODE {
@@ -191,6 +196,11 @@ class FORK_SPINLOCK : private FORK_NODE {
         _OV_ForkNoteOnce(this, RANK, &KIND);
         _OV_ForkGiveWay();
         OV_SpinLock_BH(&Spin);
+        while (g_ForkClosedRank >= RANK) { /* asked when it is held: the fork has not passed it */
+            OV_SpinUnlock_BH(&Spin);
+            _OV_ForkStandBack();
+            OV_SpinLock_BH(&Spin);
+        }
     }
     void Unlock()
     {
@@ -218,19 +228,15 @@ class FORK_SPINLOCK : private FORK_NODE {
     }
     static bool Take(FORK_NODE *Node, const struct timespec &Deadline)
     {
-        return _OV_ForkTakeSpinlock(SpinOf(Node), Deadline);
-    }
-    static void GiveBack(FORK_NODE *Node)
-    {
-        OV_SpinUnlock_BH(SpinOf(Node));
+        return _OV_ForkDrainSpinlock(RANK, SpinOf(Node), Deadline);
     }
     static void Free(FORK_NODE *Node)
     {
-        if (!Node->IsLost) {
+        if (!Node->IsTaken && !Node->IsLost) {
             Make(Node);
         }
     }
-    static constexpr FORK_KIND KIND = {Make, Take, GiveBack, Free};
+    static constexpr FORK_KIND KIND = {Make, Take, nullptr, Free};
 
     OV_SPINLOCK_T Spin = 0;
 };
