@@ -105,6 +105,11 @@ static constinit FORK_MUTEX s_SendLock(FORK_RANK_MONITOR_SOCKETS, HELD_FOR_A_MOM
 /* 1 while the monitor runs. Written by start and stop. */
 static std::atomic<int> gs_MonitorEnable;
 
+/* What a start's first callback is told of all links: whether it is still to come, and whether the
+ * links are still to be asked for. */
+static std::atomic<bool> s_IsFirstCallback;
+static std::atomic<bool> s_AreLinksWanted;
+
 /* The callback table; the lock is held for reading while callbacks run. */
 static constinit FORK_RWLOCK gs_MonitorListRWLock(FORK_RANK_MONITOR_CALLBACKS, nullptr);
 static _OV_RTC_MONITOR gs_MonitorList[CALLBACK_MAX];
@@ -280,7 +285,6 @@ static int _RTCMonitorCreateEpoll()
 /* SO_RCVBUF is cut to net.core.rmem_max without a word; with the right to it, it is forced. */
 static void _SetBufferSizes(struct nl_sock *Sock)
 {
-    static std::atomic_flag IsLogged = ATOMIC_FLAG_INIT;
     const int Fd = nl_socket_get_fd(Sock);
     int Size = 0;
     socklen_t Length = sizeof(Size);
@@ -288,9 +292,8 @@ static void _SetBufferSizes(struct nl_sock *Sock)
     nl_socket_set_buffer_size(Sock, RECEIVE_BUFFER_SIZE, SEND_BUFFER_SIZE);
     setsockopt(Fd, SOL_SOCKET, SO_RCVBUFFORCE, &RECEIVE_BUFFER_SIZE, sizeof(RECEIVE_BUFFER_SIZE));
     getsockopt(Fd, SOL_SOCKET, SO_RCVBUF, &Size, &Length);
-    if (!IsLogged.test_and_set()) {
-        OV_LOG_WARN("netlink receive buffer: %d of %d bytes", Size / 2, /* told doubled */
-                    RECEIVE_BUFFER_SIZE);
+    if (Size / 2 < RECEIVE_BUFFER_SIZE) { /* told doubled */
+        OV_LOG_WARN("netlink receive buffer: %d of %d bytes", Size / 2, RECEIVE_BUFFER_SIZE);
     }
 }
 
@@ -448,20 +451,34 @@ static void _CloseEpoll()
     }
 }
 
-/* On the routing socket. The payload is zero, so that the family byte reads AF_UNSPEC. */
-static void _SendDumpRequest(int Type)
+/* On the routing socket, or false where there is none. The payload is zero, so that the family byte
+ * reads AF_UNSPEC. */
+static bool _SendDumpRequest(int Type)
 {
     static constexpr char Payload[DUMP_REQUEST_SIZE] = {};
     const CANCEL_SCOPE Whole;
-    const MUTEX_SCOPE Send(s_SendLock);
+    int NlError = 0;
+    {
+        const MUTEX_SCOPE Send(s_SendLock);
 
-    if (gs_NlSock == nullptr || !_IsOpen(gs_NlSock)) {
-        return;
+        if (gs_NlSock == nullptr || !_IsOpen(gs_NlSock)) {
+            return false;
+        }
+        NlError = nl_send_simple(gs_NlSock, Type, NLM_F_REQUEST | NLM_F_DUMP,
+                                 const_cast<char *>(Payload), sizeof(Payload));
     }
-    const int NlError = nl_send_simple(gs_NlSock, Type, NLM_F_REQUEST | NLM_F_DUMP,
-                                       const_cast<char *>(Payload), sizeof(Payload));
     if (NlError < 0) {
         OV_LOG_ERROR("nl_send_simple failed(err: %d)", NlError);
+    }
+    return true;
+}
+
+/* A start's one dump of the links, whose answers are delivered like changes: it is asked for when
+ * there is somebody to tell. */
+static void _AskForLinks()
+{
+    if (s_AreLinksWanted.exchange(false) && !_SendDumpRequest(RTM_GETLINK)) {
+        s_AreLinksWanted = true; /* by who makes the socket */
     }
 }
 
@@ -493,11 +510,10 @@ static bool _StartListening()
         perror("_RTCMonitorCreateNetlink2Epoll for NETLINK_ROUTE failed\n");
         return false;
     }
-    _SendDumpRequest(RTM_GETLINK); /* the answers are delivered like changes */
     return true;
 }
 
-/* Sees to it that there is a routing socket; no links are asked for again. */
+/* Sees to it that there is a routing socket; no links are asked for a second time. */
 static bool _RebuildRouteSock()
 {
     if (gs_EpollFd < 0) {
@@ -512,6 +528,7 @@ static bool _RebuildRouteSock()
         return false;
     }
     OV_LOG_WARN("csnnl: re-add netlink socket to epoll");
+    _AskForLinks();
     return true;
 }
 
@@ -767,6 +784,8 @@ static OV_ERR_T _StartMonitor()
     }
     const MUTEX_SCOPE Work(s_WorkLock); /* the threads wait until both have their places */
     s_HasBegun = false;
+    s_IsFirstCallback = true;
+    s_AreLinksWanted = false;
     _StartThread(&gs_MonitorThreadId, _RTCMonitorThread);
     _StartThread(&gs_CheckThreadId, _RTCMonitorCheckThread);
     while (gs_MonitorThreadId != 0 && !s_HasBegun) {
@@ -822,16 +841,22 @@ int OV_RTCGenlMonitorRegCallback(NotifyCallback Callback)
         return -EDEADLK;
     }
     const CANCEL_SCOPE Whole;
-    const WRITE_LOCK_SCOPE List(gs_MonitorListRWLock);
-    if (gs_MonitorEnable == 0) { /* also when a stop has just emptied the table */
-        return -1;
-    }
-    for (int Id = 0; Id < CALLBACK_MAX && RegId < 0; Id++) {
-        if (gs_MonitorList[Id].callback == nullptr) {
-            gs_MonitorList[Id].callback = Callback;
-            RegId = Id;
+    {
+        const WRITE_LOCK_SCOPE List(gs_MonitorListRWLock);
+        if (gs_MonitorEnable == 0) { /* also when a stop has just emptied the table */
+            return -1;
+        }
+        for (int Id = 0; Id < CALLBACK_MAX && RegId < 0; Id++) {
+            if (gs_MonitorList[Id].callback == nullptr) {
+                gs_MonitorList[Id].callback = Callback;
+                RegId = Id;
+            }
+        }
+        if (RegId >= 0 && s_IsFirstCallback.exchange(false)) {
+            s_AreLinksWanted = true;
         }
     }
+    _AskForLinks();
     return RegId;
 }
 

@@ -4,8 +4,8 @@
  *
  * Its monitor thread hears link and IPv4 route changes, and the module's generic-netlink family
  * "ov_con_family" while that exists; its check thread looks for the family every 3 seconds, and
- * every 15 once it is joined. Right after the start all links are delivered, to whoever has
- * registered by then. Kernel events that came faster than the callbacks took them, beyond 30 MiB,
+ * every 15 once it is joined. Whoever registers first after a start is told of all links, once.
+ * Kernel events that came faster than the callbacks took them, beyond 30 MiB,
  * are lost: the log says "csnnl: error occured" or "nl_recvmsgs failed".
  *
  * Callbacks run on the monitor thread, one event at a time, in the order of their ids. A callback

@@ -177,12 +177,9 @@ OV_ERR_T _OV_RTCUrlFlowHandle(RECORD Record, NOTIFY_DELIVER Deliver)
     const RECORD Url = Record.subspan(sizeof(OV_FLOW_URL_NOTIFY_INFO));
     const size_t Length = strnlen(reinterpret_cast<const char *>(Url.data()), Url.size());
 
-    if (Length == Url.size()) {
-        OV_LOG_ERROR("URL flow: expected a NUL within %zu bytes, none came", Length);
-        return -EBADMSG;
-    }
+    /* The block is zeroed: it ends the text, also one that came without its NUL. */
     const NOTIFY_SCOPE Notify = _OV_RTCNotifyAlloc(
-        MONITOR_URL_FLOW, Record.first(sizeof(OV_FLOW_URL_NOTIFY_INFO) + Length + 1), Length + 1);
+        MONITOR_URL_FLOW, Record.first(sizeof(OV_FLOW_URL_NOTIFY_INFO) + Length), Length + 1);
     if (!Notify) {
         return -ENOMEM;
     }
