@@ -14,8 +14,10 @@
 #include <netinet/in.h>
 #include <optional>
 #include <poll.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <wchar.h>
 
 static constexpr uint16_t CONFIG_PORT = 54321;
@@ -79,6 +81,64 @@ static std::string ModuleUsage()
     return "";
 }
 
+#if defined(__SANITIZE_ADDRESS__) || \
+    defined(__SANITIZE_THREAD__) /* which lose their way in a fork */
+static constexpr bool FORKS = false;
+#else
+static constexpr bool FORKS = true;
+#endif
+
+/* What Do returned in a forked child. */
+static int InChild(const std::function<int()> &Do)
+{
+    const pid_t Child = FORKS ? fork() : 1;
+
+    if (Child == 0) {
+        alarm(10);
+        _exit(Do());
+    }
+    return FORKS ? WaitForProcess(Child) : 0;
+}
+
+/* How many sockets the client has: the servers' are on their ports. */
+static int ClientSockets()
+{
+    int Count = 0;
+
+    for (int Descriptor = 0; Descriptor < 1024; Descriptor++) {
+        struct sockaddr_in Own = {};
+        socklen_t Length = sizeof(Own);
+        if (getsockname(Descriptor, reinterpret_cast<struct sockaddr *>(&Own), &Length) == 0 &&
+            Own.sin_family == AF_INET) {
+            Count += ntohs(Own.sin_port) != CONFIG_PORT && ntohs(Own.sin_port) != NOTIFY_PORT;
+        }
+    }
+    return Count;
+}
+
+/* A listener there with a queue of one that nobody empties: the kernel lets the next one wait. */
+struct BUSY_SERVER {
+    const int Listener;
+    OV_SOCKET Filler = -1;
+
+    explicit BUSY_SERVER(uint16_t Port) : Listener(ListenOnLoopback(Port, 0))
+    {
+        EXPECT_EQ(OV_ImcConnect(INADDR_LOOPBACK, Port, &Filler), 0);
+    }
+    ~BUSY_SERVER()
+    {
+        close(Filler);
+        close(Listener);
+    }
+    static bool KeepsOneWaiting()
+    {
+        return WaitUntil([] {
+            const std::string Table = ReadFile("/proc/self/net/tcp");
+            return Contains(Table, ":D431 02") || Contains(Table, ":D432 02");
+        });
+    }
+};
+
 static std::atomic<int> s_Notified;
 
 static OV_DISPATCH_DESC *CountIt(OV_DISPATCH_DESC *Desc)
@@ -139,7 +199,20 @@ class Dispatch : public testing::Test {
     }
 };
 
-static OV_ERR_T ExchangeUnaccounted()
+/* The library connects by this one, too: only when a stop has ended what is being made, if so
+ * wanted. */
+static std::atomic<bool> s_ConnectsLate;
+static std::atomic<int> s_Late;
+extern "C" int connect(int Socket, const struct sockaddr *Address, socklen_t Length)
+{
+    if (s_ConnectsLate) {
+        s_Late = 1;
+        usleep(200000);
+    }
+    return static_cast<int>(syscall(SYS_connect, Socket, Address, Length));
+}
+
+static OV_ERR_T ExchangeUnaccounted(uint64_t Number = 0)
 {
     alignas(OV_DISPATCH_HDR) uint8_t Buff[64] = {8}; /* outlives the client's module */
     OV_DISPATCH_DESC Desc = {};
@@ -147,16 +220,119 @@ static OV_ERR_T ExchangeUnaccounted()
     Desc.Buff = Buff;
     Desc.Size = sizeof(Buff);
     OV_DispatchInitHdr(&Desc, MODULE, 1);
-    return OV_DispatchConfigure(&Desc);
+    OV_DispatchPut(&Desc, &Number, sizeof(Number));
+    const OV_ERR_T Error = OV_DispatchConfigure(&Desc);
+    return Error == 0 && TextOf(&Desc) != BytesOf(Number) ? -EBADMSG : Error;
 }
 
 /* Runs first: an exchange before any start connects by itself, and the start takes over. */
 TEST_F(Dispatch, AnExchangeMayComeBeforeTheStart)
 {
-    EXPECT_EQ(ExchangeUnaccounted(), 0);
+    const auto CountWrong = [](uint64_t First) {
+        int Wrong = 0;
+        for (uint64_t Number = First; Number < First + 1000; Number++) {
+            Wrong += ExchangeUnaccounted(Number) != 0;
+        }
+        return Wrong;
+    };
+    EXPECT_EQ(CountWrong(0), 0);
+    std::thread Parent([&] { EXPECT_EQ(CountWrong(1000), 0); });
+    EXPECT_EQ(InChild([&] { return CountWrong(2000) != 0 || ClientSockets() != 1; }), 0);
+    Parent.join();
     ASSERT_EQ(OV_DispatchClientInitNoNotify(), 0);
     EXPECT_EQ(ExchangeUnaccounted(), 0);
-    EXPECT_EQ(Config->Connections(), 2U);
+    EXPECT_EQ(Config->Connections(), FORKS ? 3U : 2U);
+}
+
+/* A connection too many is one that somebody receives on for ever. */
+TEST_F(Dispatch, ExchangesBesideRestartsAreOnTheStartsConnection)
+{
+    static constexpr size_t STARTS = 1500;
+    std::atomic<bool> Stop = false;
+    std::vector<std::jthread> Users;
+
+    OV_DispatchClientExit(); /* from now on no exchange connects by itself */
+    for (int User = 0; User < 2; User++) {
+        Users.emplace_back([&] {
+            while (!Stop) {
+                OV_DISPATCH_DESC *Desc = OV_DispatchAllocDesc(0);
+                if (Desc == nullptr || Exchange(Desc, 1, std::string(3000, 'l')) != 0) {
+                    usleep(100);
+                }
+                OV_DispatchFreeDesc(Desc);
+            }
+        });
+    }
+    for (size_t Start = 0; Start < STARTS; Start++) {
+        ASSERT_EQ(OV_DispatchClientInit(), 0);
+        OV_DispatchClientExit();
+    }
+    ASSERT_EQ(OV_DispatchClientInitNoNotify(), 0);
+    Stop = true;
+    Users.clear();
+    EXPECT_TRUE(WaitUntil([&] { return Config->Connections() >= STARTS + 1; }));
+    EXPECT_EQ(Config->Connections(), STARTS + 1);
+    EXPECT_EQ(ModuleUsage(), "0/0");
+    TakeSystemLog(); /* of each stop: what the users held */
+}
+
+TEST_F(Dispatch, AStartLetsNobodyInBeforeItIsComplete)
+{
+    Notify.reset();
+    const BUSY_SERVER Busy(NOTIFY_PORT);
+    std::thread Starting([] { EXPECT_EQ(OV_DispatchClientInit(), 0); });
+    EXPECT_TRUE(Busy.KeepsOneWaiting());
+    EXPECT_EQ(ExchangeUnaccounted(), -ESHUTDOWN);
+    EXPECT_EQ(OV_DispatchClientInit(), -EALREADY);
+    EXPECT_FALSE(OV_DispatchClientIsListening());
+    OV_DispatchClientExit(); /* nothing yet that could be stopped */
+    EXPECT_EQ(InChild([] { return ClientSockets() - 1; }), 0); /* the filler's */
+    const int Accepted[] = {accept(Busy.Listener, nullptr, nullptr),
+                            accept(Busy.Listener, nullptr, nullptr)};
+    Starting.join();
+    EXPECT_EQ(ExchangeUnaccounted(), 0);
+    EXPECT_TRUE(OV_DispatchClientIsListening());
+    OV_DispatchClientExit();
+    EXPECT_EQ(ExchangeUnaccounted(), -ESHUTDOWN);
+    close(Accepted[0]);
+    close(Accepted[1]);
+}
+
+TEST_F(Dispatch, WhatIsNoMessageIsNotSent)
+{
+    ASSERT_EQ(OV_DispatchClientInitNoNotify(), 0);
+    for (const auto Alloc : {OV_DispatchAllocDesc, OV_DispatchVmemAllocDesc}) {
+        OV_DISPATCH_DESC *Desc = Alloc(0);
+        EXPECT_EQ(OV_DispatchConfigure(Desc), -EINVAL);
+        OV_DispatchInitHdr(Desc, MODULE, 1);
+        for (const uint32_t Length : {7U, Desc->Size + 1, UINT32_MAX}) {
+            OV_DispatchHeader(Desc)->Length = Length;
+            EXPECT_EQ(OV_DispatchConfigure(Desc), -EINVAL) << Length;
+        }
+        EXPECT_EQ(OV_DispatchSend(-1, Desc), -EINVAL);
+        EXPECT_EQ(Exchange(Desc, 1, "whole"), 0);
+        OV_DispatchFreeDesc(Desc);
+    }
+    EXPECT_EQ(Config->Connections(), 1U);
+}
+
+TEST_F(Dispatch, ADescriptorMayOutliveItsStart)
+{
+    const std::string Long(5000, 'l');
+    ASSERT_EQ(OV_DispatchClientInitNoNotify(), 0);
+    OV_DISPATCH_DESC *const Descs[] = {OV_DispatchAllocDesc(0), OV_DispatchVmemAllocDesc(0)};
+    OV_DISPATCH_DESC *Freed = OV_DispatchAllocDesc(0);
+    OV_DispatchClientExit();
+    OV_DispatchFreeDesc(Freed);
+    TakeSystemLog(); /* they were reported */
+    ASSERT_EQ(OV_DispatchClientInitNoNotify(), 0);
+    for (OV_DISPATCH_DESC *Desc : Descs) {
+        EXPECT_EQ(Exchange(Desc, 1, "grown "), 0);
+        EXPECT_EQ(OV_DispatchPrintf(Desc, "%s", Long.c_str()), 5000);
+        EXPECT_EQ(TextOf(Desc), "grown " + Long);
+        OV_DispatchFreeDesc(Desc);
+    }
+    EXPECT_EQ(ModuleUsage(), "0/0");
 }
 
 TEST_F(Dispatch, AMessageGrowsInItsBuffer)
@@ -278,6 +454,9 @@ TEST_F(Dispatch, EachWayInWhichAReplyArrivesOrDoesNot)
             EXPECT_EQ(Desc->Buff[8 + Row.Text.size()], '\0');
         } else {
             Current = &Rows[0];
+            EXPECT_EQ(OV_DispatchConfigure(Desc), -EINVAL); /* what was asked is gone */
+            OV_DispatchSetRetCode(Desc, 0);
+            EXPECT_EQ(OV_DispatchConfigure(Desc), -EINVAL);
             EXPECT_EQ(Exchange(Desc, 9, "next"), 0); /* on a new connection */
             EXPECT_EQ(TextOf(Desc), "at once");
             Connections++;
@@ -383,6 +562,7 @@ TEST_F(Dispatch, TheThreadReconnectsOnceAndEndsWhenItCannot)
         StaySilent(Socket);
     });
     OV_DispatchNotifyReply(5, 6, "pushed", 6); /* before the start: nothing */
+    EXPECT_FALSE(OV_DispatchClientIsListening());
     ASSERT_EQ(OV_DispatchClientInit(), 0);
     EXPECT_EQ(OV_DispatchClientInit(), -EALREADY);
     EXPECT_EQ(OV_DispatchClientInitNoNotify(), -EALREADY);
@@ -390,6 +570,7 @@ TEST_F(Dispatch, TheThreadReconnectsOnceAndEndsWhenItCannot)
         EXPECT_TRUE(WaitUntil([=] { return s_Notified == Connection; }));
         OV_DispatchNotifyReply(5, 6, "pushed", 6);
         EXPECT_TRUE(WaitUntil([=, this] { return Served == Connection; }));
+        EXPECT_TRUE(OV_DispatchClientIsListening());
         if (Connection == 1) {
             Notify->Disconnect();
         }
@@ -398,7 +579,8 @@ TEST_F(Dispatch, TheThreadReconnectsOnceAndEndsWhenItCannot)
 
     TakeSystemLog();
     Notify.reset();
-    EXPECT_TRUE(WaitUntil([] { return ModuleUsage() == "0/0"; })); /* the thread has ended */
+    EXPECT_TRUE(WaitUntil([] { return !OV_DispatchClientIsListening(); }));
+    EXPECT_EQ(ModuleUsage(), "0/0"); /* the thread has ended */
     const STRINGS Log = TakeSystemLog();
     ASSERT_EQ(Log.size(), 2U);
     EXPECT_TRUE(Log[0].starts_with("6 [_OV_DispatchNotifyClientThread:") &&
@@ -481,22 +663,110 @@ TEST_F(Dispatch, AStopEndsExchangesAndPushesThatHang)
 
 TEST_F(Dispatch, AStopEndsAConnectionInTheMaking)
 {
-    ASSERT_EQ(OV_DispatchClientInitNoNotify(), 0);
-    Config.reset();
-    EXPECT_LT(ExchangeUnaccounted(), 0); /* by now without a connection */
+    for (const bool IsLate : {false, true}) {
+        SCOPED_TRACE(IsLate);
+        Replace(Config, CONFIG_PORT, Echo);
+        ASSERT_EQ(OV_DispatchClientInitNoNotify(), 0);
+        Config.reset();
+        EXPECT_LT(ExchangeUnaccounted(), 0); /* by now without a connection */
+        const BUSY_SERVER Busy(CONFIG_PORT);
+        s_ConnectsLate = IsLate;
+        std::thread Waiting([] { EXPECT_LT(ExchangeUnaccounted(), 0); });
+        EXPECT_TRUE(IsLate ? WaitUntil([] { return s_Late == 1; }) : Busy.KeepsOneWaiting());
+        EXPECT_EQ(InChild([] { return ClientSockets() - 1; }), 0); /* the filler's */
+        const auto Start = std::chrono::steady_clock::now();
+        OV_DispatchClientExit();
+        Waiting.join();
+        EXPECT_LT(std::chrono::steady_clock::now() - Start, std::chrono::seconds(5));
+        s_ConnectsLate = false;
+    }
+}
 
-    /* A queue of one that nobody empties: the kernel lets the next one wait. */
-    const int Listener = ListenOnLoopback(CONFIG_PORT, 0);
-    OV_SOCKET Filler = -1;
-    ASSERT_EQ(OV_ImcConnect(INADDR_LOOPBACK, CONFIG_PORT, &Filler), 0);
-    std::thread Waiting([] { EXPECT_LT(ExchangeUnaccounted(), 0); });
-    EXPECT_TRUE(WaitUntil([] { return Contains(ReadFile("/proc/self/net/tcp"), ":D431 02"); }));
-    const auto Start = std::chrono::steady_clock::now();
-    OV_DispatchClientExit();
-    Waiting.join();
-    EXPECT_LT(std::chrono::steady_clock::now() - Start, std::chrono::seconds(5));
-    close(Filler);
-    close(Listener);
+/* Each would break the connection, and cost a descriptor. */
+TEST_F(Dispatch, SignalsAreForOtherThreads)
+{
+    struct sigaction Action = {}, Before;
+    Action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &Action, &Before);
+    Handle(CountIt);
+    Replace(Notify, NOTIFY_PORT, [this](int Socket) {
+        EXPECT_TRUE(WaitUntil([this] { return Served == 1; }));
+        SendBytes(Socket, Frame(MODULE, 1, "hello"));
+        StaySilent(Socket);
+    });
+    ASSERT_EQ(OV_DispatchClientInit(), 0);
+    for (const auto &Task : std::filesystem::directory_iterator("/proc/self/task")) {
+        const bool IsOurs = ReadFile(Task.path() / "comm") == "NotifyClient\n";
+        for (int Signal = 0; IsOurs && Signal < 20; Signal++) {
+            syscall(SYS_tgkill, getpid(), std::stoi(Task.path().filename()), SIGUSR1);
+            usleep(1000);
+            Served = 1;
+        }
+    }
+    EXPECT_TRUE(WaitUntil([] { return s_Notified == 1; }));
+    EXPECT_EQ(Notify->Connections(), 1U);
+    sigaction(SIGUSR1, &Before, nullptr);
+}
+
+TEST_F(Dispatch, AForkedChildHasAClientOfItsOwn)
+{
+    static std::atomic<int> s_ChildOfHandler;
+    s_ChildOfHandler = -1;
+    Handle([](OV_DISPATCH_DESC *Desc) {
+        const pid_t Child = FORKS ? fork() : -1;
+        if (Child == 0) { /* whose only thread this is */
+            alarm(10);
+            return Desc;
+        }
+        s_ChildOfHandler = FORKS ? WaitForProcess(Child) : 0;
+        return Desc;
+    });
+    Replace(Notify, NOTIFY_PORT, [](int Socket) {
+        SendBytes(Socket, Frame(MODULE, 1, "fork"));
+        StaySilent(Socket);
+    });
+    ASSERT_EQ(OV_DispatchClientInit(), 0);
+    EXPECT_TRUE(WaitUntil([] { return s_ChildOfHandler == 0; })) << s_ChildOfHandler;
+    OV_DISPATCH_DESC *Inherited = OV_DispatchAllocDesc(0);
+    for (const bool IsStarted : {false, true}) {
+        const auto Stop = [=] {
+            TakeSystemLog();
+            OV_DispatchClientDelModuleFunc(MODULE, OV_DispatchClientGetModuleFunc(MODULE));
+            const bool IsGood =
+                ClientSockets() == 0 && !OV_DispatchClientIsListening() &&
+                (!IsStarted || (OV_DispatchClientInit() == 0 && ExchangeUnaccounted() == 0 &&
+                                ClientSockets() == 2));
+            OV_DispatchFreeDesc(Inherited);
+            OV_DispatchClientExit();
+            return IsGood ? static_cast<int>(TakeSystemLog().size()) : -1;
+        };
+        EXPECT_EQ(InChild(Stop), FORKS ? 1 + 2 * IsStarted : 0); /* "loaded", "unloaded" */
+    }
+    OV_DispatchFreeDesc(Inherited);
+    EXPECT_EQ(ExchangeUnaccounted(), 0);
+    EXPECT_EQ(Config->Connections(), FORKS ? 2U : 1U);
+}
+
+TEST_F(Dispatch, NoConnectionOfTheParentsIsOpenInAChild)
+{
+    std::atomic<bool> Stop = false;
+    Replace(Notify, NOTIFY_PORT, [](int) { usleep(300); }); /* a reconnection each time */
+    std::jthread Exchanging([&] {
+        while (!Stop) {
+            usleep(ExchangeUnaccounted() == 0 ? 0 : 100);
+        }
+    });
+    std::jthread Restarting([&] {
+        while (!Stop) {
+            EXPECT_EQ(OV_DispatchClientInit(), 0);
+            usleep(1000);
+            OV_DispatchClientExit();
+        }
+    });
+    for (int Fork = 0; Fork < 300; Fork++) {
+        EXPECT_EQ(InChild(ClientSockets), 0);
+    }
+    Stop = true;
 }
 
 TEST_F(Dispatch, AHandlerMayStopAndStartTheClient)

@@ -3,19 +3,24 @@
 #include "orvaneAssert.h"
 #include "orvaneDispatchInternal.h"
 #include "orvaneForeignInternal.h"
-#include "orvaneMem.h"
+#include "orvaneGateInternal.h"
+#include "orvaneMemGuardInternal.h"
+#include "orvaneMemInternal.h"
 #include "orvaneMemPool.h"
 #include "orvaneSocketInternal.h"
 
 #include <algorithm>
 #include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <utility>
 
 static constexpr uint32_t DESC_SIZE_MIN = 2048;
 static constexpr uint8_t VERSION = 0;
+static constexpr uint8_t NO_VERSION = UINT8_MAX; /* of what a failed receive leaves */
 static constexpr uint8_t MODULE_MAX = 14;
 static constexpr size_t HEADER_SIZE = sizeof(OV_DISPATCH_HDR);
 
@@ -26,7 +31,79 @@ static_assert(sizeof(OV_DISPATCH_HDR) == 8);
 static_assert(offsetof(OV_DISPATCH_HDR, Version) == 0 && offsetof(OV_DISPATCH_HDR, Module) == 1);
 static_assert(offsetof(OV_DISPATCH_HDR, Type) == 2 && offsetof(OV_DISPATCH_HDR, Length) == 4);
 
-std::atomic<int32_t> g_MemModId{-1};
+static constexpr const char *MODULE_NAME = "dispatch_client";
+
+/* Both change while nobody is inside the gate. A forked child goes on with its parent's. */
+static int32_t g_MemModId = -1;
+static uint32_t s_Registration = 1; /* counts those of the module; never 0 */
+static constinit GATE s_ModuleGate(GATE::OPEN_WHEN_NEW, nullptr);
+
+OV_ERR_T _OV_DispatchRegister()
+{
+    s_ModuleGate.BeginStart();
+    s_ModuleGate.WaitUntilEmpty();
+    const int32_t ModId = OV_MemModRegister(MODULE_NAME, strlen(MODULE_NAME));
+    if (ModId < 0) {
+        s_ModuleGate.End();
+        return ModId;
+    }
+    g_MemModId = ModId;
+    s_ModuleGate.Commit();
+    return 0;
+}
+
+/* The bits of a descriptor that have no name: under which registration its two blocks were charged.
+ * They are 0 in a record that the caller made. */
+static constexpr size_t BITS_OFFSET = offsetof(OV_DISPATCH_DESC, Size) + sizeof(uint32_t);
+static constexpr unsigned NAMED_BITS = 2;
+static constexpr uint32_t REGISTRATION_MAX = UINT32_MAX >> NAMED_BITS;
+static_assert(BITS_OFFSET + sizeof(uint32_t) == offsetof(OV_DISPATCH_DESC, List));
+
+static uint32_t _BitsOf(const OV_DISPATCH_DESC *Desc)
+{
+    uint32_t Bits;
+
+    memcpy(&Bits, reinterpret_cast<const char *>(Desc) + BITS_OFFSET, sizeof(Bits));
+    return Bits;
+}
+
+static uint32_t _RegistrationOf(const OV_DISPATCH_DESC *Desc)
+{
+    return _BitsOf(Desc) >> NAMED_BITS;
+}
+
+static void _NoteRegistration(OV_DISPATCH_DESC *Desc)
+{
+    const uint32_t Bits = _BitsOf(Desc) | s_Registration << NAMED_BITS;
+
+    memcpy(reinterpret_cast<char *>(Desc) + BITS_OFFSET, &Bits, sizeof(Bits));
+}
+
+void _OV_DispatchUnregister()
+{
+    s_ModuleGate.BeginStopOfAny();
+    s_ModuleGate.WaitUntilEmpty();
+    OV_MemModUnRegister(std::exchange(g_MemModId, -1));
+    s_Registration = s_Registration % REGISTRATION_MAX + 1;
+    s_ModuleGate.End();
+}
+
+/* Keeps the module as it is while blocks are charged to it, or released. */
+struct MODULE_SCOPE {
+    const GATE_SCOPE Passed{s_ModuleGate};
+    const int32_t Id = Passed.IsIn() ? g_MemModId : -1; /* -1: none */
+
+    bool Owns(const OV_DISPATCH_DESC *Desc) const
+    {
+        return Id >= 0 && _RegistrationOf(Desc) == s_Registration;
+    }
+};
+
+void _OV_DispatchDisown(OV_DISPATCH_DESC *Desc)
+{
+    _OV_MemDisown(g_MemModId, Desc->Buff);
+    _OV_MemDisown(g_MemModId, Desc);
+}
 
 /* The dispatch loops go on at once when a socket that must not block has nothing to do. */
 static bool _IsRetried(OV_ERR_T Error)
@@ -65,39 +142,43 @@ static uint32_t _Capacity(uint32_t Size)
 
 OV_DISPATCH_DESC *OV_DispatchAllocDesc(uint32_t Size)
 {
-    const int32_t ModId = g_MemModId;
+    const MODULE_SCOPE Module;
     const uint32_t Capacity = _Capacity(Size);
-    void *Buff = Capacity == 0 ? nullptr : OV_MemAlloc(ModId, Capacity, OV_GFP_ZERO);
-    auto *Desc =
-        static_cast<OV_DISPATCH_DESC *>(OV_MemAlloc(ModId, sizeof(OV_DISPATCH_DESC), OV_GFP_ZERO));
+    void *Buff = Capacity == 0 ? nullptr : OV_MemAlloc(Module.Id, Capacity, OV_GFP_ZERO);
+    auto *Desc = static_cast<OV_DISPATCH_DESC *>(
+        OV_MemAlloc(Module.Id, sizeof(OV_DISPATCH_DESC), OV_GFP_ZERO));
 
     if (Buff == nullptr || Desc == nullptr) {
-        OV_MemFree(ModId, Buff);
-        OV_MemFree(ModId, Desc);
+        OV_MemFree(Module.Id, Buff);
+        OV_MemFree(Module.Id, Desc);
         return nullptr;
     }
     Desc->Buff = static_cast<uint8_t *>(Buff);
     Desc->Size = Capacity;
+    _NoteRegistration(Desc);
     OV_InitListHead(&Desc->List);
     return Desc;
 }
 
 OV_DISPATCH_DESC *OV_DispatchVmemAllocDesc(uint32_t Size)
 {
-    const int32_t ModId = g_MemModId;
+    const MODULE_SCOPE Module;
     const uint32_t Capacity = _Capacity(Size);
-    void *Buff = Capacity == 0 ? nullptr : OV_VmemAlloc(ModId, Capacity);
-    auto *Desc = static_cast<OV_DISPATCH_DESC *>(OV_VmemZeroAlloc(ModId, sizeof(OV_DISPATCH_DESC)));
+    void *Buff = Capacity == 0 ? nullptr : OV_VmemAlloc(Module.Id, Capacity);
+    auto *Desc =
+        static_cast<OV_DISPATCH_DESC *>(OV_VmemZeroAlloc(Module.Id, sizeof(OV_DISPATCH_DESC)));
 
     if (Buff == nullptr || Desc == nullptr) {
-        OV_VmemFree(ModId, Buff);
-        OV_VmemFree(ModId, Desc);
+        OV_VmemFree(Module.Id, Buff);
+        OV_VmemFree(Module.Id, Desc);
         return nullptr;
     }
     Desc->Buff = static_cast<uint8_t *>(Buff);
     Desc->Size = Capacity;
     Desc->useVmemAlloc = TRUE;
+    _NoteRegistration(Desc);
     OV_InitListHead(&Desc->List);
+    memset(Buff, 0, HEADER_SIZE); /* no message by chance */
     return Desc;
 }
 
@@ -106,17 +187,37 @@ void OV_DispatchFreeDesc(OV_DISPATCH_DESC *Desc)
     if (Desc == nullptr) {
         return;
     }
+    const MODULE_SCOPE Module;
+    if (!Module.Owns(Desc)) {
+        _OV_MemFreeDisowned(Desc->Buff);
+        _OV_MemFreeDisowned(Desc);
+        return;
+    }
     const auto Free = Desc->useVmemAlloc ? OV_VmemFree : OV_MemFree;
-    const int32_t ModId = g_MemModId;
+    Free(Module.Id, Desc->Buff);
+    Free(Module.Id, Desc);
+}
 
-    Free(ModId, Desc->Buff);
-    Free(ModId, Desc);
+static void *_ReallocDisowned(void *Buff, uint32_t NewSize)
+{
+    const uint32_t Actual = _OV_MemGuardedSize(NewSize);
+    void *Block = Actual == 0 ? nullptr : OV_PlatformMemRealloc(_OV_MemPrefix(Buff), Actual, 0);
+
+    return Block == nullptr ? nullptr : _OV_MemGuard(Block, Actual);
 }
 
 void *OV_DispatchRealloc(OV_DISPATCH_DESC *Desc, uint32_t NewSize)
 {
-    return Desc->useVmemAlloc ? OV_VmemRealloc(g_MemModId, Desc->Buff, NewSize, Desc->Size)
-                              : OV_MemRealloc(g_MemModId, Desc->Buff, NewSize, 0);
+    const MODULE_SCOPE Module;
+
+    if (_RegistrationOf(Desc) == 0) {
+        return nullptr; /* its buffer is none of ours */
+    }
+    if (!Module.Owns(Desc)) {
+        return _ReallocDisowned(Desc->Buff, NewSize);
+    }
+    return Desc->useVmemAlloc ? OV_VmemRealloc(Module.Id, Desc->Buff, NewSize, Desc->Size)
+                              : OV_MemRealloc(Module.Id, Desc->Buff, NewSize, 0);
 }
 
 static bool _Resize(OV_DISPATCH_DESC *Desc, uint32_t NewSize)
@@ -272,9 +373,21 @@ int32_t OV_DispatchGetRetCode(OV_DISPATCH_DESC *Desc)
     return RetCode;
 }
 
+bool _OV_DispatchIsWhole(OV_DISPATCH_DESC *Desc)
+{
+    const OV_DISPATCH_HDR *Header = OV_DispatchHeader(Desc);
+
+    return Header->Version == VERSION && Header->Length >= HEADER_SIZE &&
+           Header->Length <= Desc->Size;
+}
+
 OV_ERR_T OV_DispatchSend(OV_SOCKET Socket, OV_DISPATCH_DESC *Desc)
 {
-    const OV_LEN_ERR_T Sent = _OV_SocketSendAll(Socket, Desc->Buff, _End(Desc), _IsRetried);
+    const uint32_t Length = OV_DispatchHeader(Desc)->Length;
+    if (Length > Desc->Size) {
+        return -EINVAL;
+    }
+    const OV_LEN_ERR_T Sent = _OV_SocketSendAll(Socket, Desc->Buff, Length, _IsRetried);
 
     return Sent > 0 ? 0 : Sent;
 }
@@ -308,7 +421,11 @@ OV_ERR_T OV_DispatchRecv(OV_SOCKET Socket, OV_DISPATCH_DESC *Desc)
     const OV_ERR_T Error = _Receive(Socket, Desc);
     OV_DISPATCH_HDR *Header = OV_DispatchHeader(Desc);
 
-    /* A length that is not borne out by what arrived must not reach who handles the message. */
+    /* A length that is not borne out by what arrived must not reach who handles the message. What a
+     * failure leaves must not go out as a message: not by itself, nor with a payload put to it. */
+    if (Error < 0) {
+        Header->Version = NO_VERSION;
+    }
     if (Error < 0 || Header->Length < HEADER_SIZE) {
         Header->Length = HEADER_SIZE;
     }

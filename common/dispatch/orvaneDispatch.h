@@ -8,8 +8,8 @@
  *
  * Length < Size always holds while the operations here fill the message, so that a NUL fits behind
  * a text. Numbers are in host byte order. A descriptor belongs to one thread at a time; nothing
- * here locks. All memory is charged to the dispatch client's module: without a started client there
- * is no descriptor.
+ * here locks. All memory is charged to the dispatch client's module: without a started client no
+ * descriptor is to be had. One that outlives the client goes on to work, without an account.
  */
 #ifndef ORVANE_DISPATCH_H
 #define ORVANE_DISPATCH_H
@@ -32,6 +32,7 @@ typedef struct _OV_DISPATCH_DESC {
     uint32_t Size;             /* of the buffer in bytes */
     uint32_t useVmemAlloc : 1; /* from the Vmem account: must not grow by OV_DispatchPut */
     uint32_t FromPool : 1;     /* never set here */
+    uint32_t : 30;             /* the library's own: clear in a record that it did not make */
     OV_LIST_HEAD List;         /* for who queues descriptors */
 } OV_DISPATCH_DESC;
 
@@ -39,13 +40,13 @@ typedef struct _OV_DISPATCH_DESC {
  * takes 8 of it and one byte stays spare. The Vmem form is for large messages; its buffer is not
  * zeroed and does not grow, so ask for one byte more than the payload, and for 2049 from 2040 on.
  * The header is not made: see OV_DispatchInitHdr. The caller owns it until OV_DispatchFreeDesc,
- * which ignores null and does nothing once the client is stopped. */
+ * which ignores null. */
 OV_DISPATCH_DESC *OV_DispatchAllocDesc(uint32_t Size);
 OV_DISPATCH_DESC *OV_DispatchVmemAllocDesc(uint32_t Size);
 void OV_DispatchFreeDesc(OV_DISPATCH_DESC *Desc);
 
-/* The buffer with a new size (bytes, header included), or null and the old one stays. The caller
- * stores buffer and size in the descriptor. */
+/* The buffer with a new size (bytes, header included), or null and the old one stays, as does one
+ * that the caller gave a record of its own. The caller stores buffer and size in the descriptor. */
 void *OV_DispatchRealloc(OV_DISPATCH_DESC *Desc, uint32_t NewSize);
 
 /* Makes it an empty message. */
@@ -78,14 +79,15 @@ void OV_DispatchResetPayload(OV_DISPATCH_DESC *Desc);
 void OV_DispatchSetRetCode(OV_DISPATCH_DESC *Desc, int32_t RetCode);
 int32_t OV_DispatchGetRetCode(OV_DISPATCH_DESC *Desc);
 
-/* Writes the whole message, waiting as long as that takes. Returns 0 or the socket's negative errno
- * value; a peer that is gone is -EPIPE and raises no signal. */
+/* Writes the whole message, waiting as long as that takes. Returns 0, -EINVAL, with nothing
+ * written, for a Length beyond Size, or the socket's negative errno value; a peer that is gone is
+ * -EPIPE and raises no signal. */
 OV_ERR_T OV_DispatchSend(OV_SOCKET Socket, OV_DISPATCH_DESC *Desc);
 
 /* Waits for one message; the buffer grows as needed and ends the payload with a NUL where the
  * caller had cleared it. Returns 0, -EREMOTEIO (the peer closed or the socket failed), -EBADR (a
  * header that is none: the stream is out of step) or -ENOMEM (as much, the payload is unread).
- * After a failure the message is empty. */
+ * After a failure Desc holds no message, until OV_DispatchInitHdr. */
 OV_ERR_T OV_DispatchRecv(OV_SOCKET Socket, OV_DISPATCH_DESC *Desc);
 
 /* Append a report as text and return Desc: "name MemUsage MemCounter VmemUsage VmemCounter" a line

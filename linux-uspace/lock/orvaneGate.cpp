@@ -57,6 +57,7 @@ bool GATE::Change(unsigned From, STATE To)
         return false;
     }
     State = To;
+    Changed.WakeAll();
     return true;
 }
 
@@ -78,6 +79,15 @@ bool GATE::BeginStopOfAny()
 void GATE::Commit()
 {
     Change(STARTING, RUNNING);
+}
+
+void GATE::WaitWhileStarting()
+{
+    const MUTEX_SCOPE Lock(StateLock);
+
+    while (State == STARTING) {
+        Changed.Wait(StateLock);
+    }
 }
 
 void GATE::End()

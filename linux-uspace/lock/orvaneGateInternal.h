@@ -67,6 +67,8 @@ class GATE : private FORK_NODE {
     bool BeginStopOfAny();
     /* Ends a start that is complete: the gate opens. */
     void Commit();
+    /* For a thread that the start made: what it does may stop the service. */
+    void WaitWhileStarting();
     /* Ends a stop, and a start that failed. */
     void End();
 
@@ -81,6 +83,7 @@ class GATE : private FORK_NODE {
     bool Change(unsigned From, STATE To);
 
     FORK_MUTEX StateLock{FORK_RANK_GATE, HELD_FOR_A_MOMENT};
+    FORK_CONDITION Changed;
     STATE State = NEW;
     VISITORS Visitors;
     const NEW_STATE WhenNew;
