@@ -19,6 +19,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 static constexpr const char *LOG_PATH = "/tmp/agent.log";
@@ -175,6 +176,36 @@ static void CatchSignals()
     sigaction(SIGPIPE, &Action, nullptr);
 }
 
+/* The dispatch service went, and was not back at once: nothing that it reports would arrive any
+ * more, and no call fails. Callbacks, routes and rules stay; requests of other threads fail
+ * meanwhile.
+ */
+static void KeepListening()
+{
+    static bool s_IsStarted = true;
+
+    if (OV_DispatchClientIsListening()) {
+        return;
+    }
+    if (s_IsStarted) {
+        puts("agent: the dispatch service is gone");
+        OV_RTCBaseExit();
+    }
+    s_IsStarted = OV_RTCBaseInit(nullptr) == 0;
+    if (s_IsStarted) {
+        puts("agent: the dispatch service is back");
+    }
+}
+
+static bool IsEndedWithinASecond()
+{
+    struct timespec Next;
+
+    clock_gettime(CLOCK_MONOTONIC, &Next);
+    Next.tv_sec++;
+    return sem_clockwait(&s_End, CLOCK_MONOTONIC, &Next) == 0;
+}
+
 static void Work(const char *Interface, unsigned Seconds)
 {
     OV_RTC_ROUTE_CONF Route = {};
@@ -198,7 +229,9 @@ static void Work(const char *Interface, unsigned Seconds)
     Report("rule", Result == -EEXIST ? 0 : Result);
     puts("agent: running");
     alarm(Seconds); /* none for 0 */
-    while (sem_wait(&s_End) != 0) {}
+    while (!IsEndedWithinASecond()) {
+        KeepListening();
+    }
     Report("rule taken away", OV_RTCIpRuleDel(&Rule));
     Result = OV_RTCRouteDel(&Route); /* the kernel takes a route away with its interface */
     Report("route taken away", Result == -ENOENT ? 0 : Result);

@@ -57,12 +57,12 @@ class AgentTest : public testing::Test {
             WaitForProcess(std::exchange(Services, -1));
         }
     }
-    void StartServices(const std::string &Which)
+    void StartServices(const std::string &Which, BOARD_RELAY Relay = RELAY_BYPASS)
     {
         const std::string Line = "exec " + BuildFolder() + "/services " + Which + " 0<>/tmp/told";
         Services = StartProcess({"sh", "-c", Line}, {}, SERVICES);
         ASSERT_TRUE(Says(SERVICES, "services: ready\n"));
-        EXPECT_EQ(BoardRelay(BoardFileOpen("/tmp/board"), 1), RELAY_BYPASS);
+        EXPECT_EQ(BoardRelay(BoardFileOpen("/tmp/board"), 1), Relay);
     }
     pid_t Services = -1;
 };
@@ -96,6 +96,12 @@ TEST_F(AgentTest, WorksAndLeavesNothingOfItsOwn)
     Output("ip route add 203.0.113.0/24 dev wan0; echo down lan1 >/tmp/told");
     EXPECT_TRUE(Says(AGENT, "agent: event: route added 203.0.113.0/24 dev wan0 table 254\n"));
     EXPECT_TRUE(Says(AGENT, "agent: event: interface lan1 down\n"));
+    TearDown(); /* and back again: the agent hears of it */
+    EXPECT_TRUE(Says(AGENT, "agent: the dispatch service is gone\n"));
+    StartServices("", RELAY_NO_BYPASS);
+    EXPECT_TRUE(Says(AGENT, "agent: the dispatch service is back\n"));
+    Output("echo up lan1 >/tmp/told");
+    EXPECT_TRUE(Says(AGENT, "agent: event: interface lan1 up\n"));
     kill(Agent, SIGTERM);
     EXPECT_EQ(WaitForProcess(Agent), 0) << ReadFile(AGENT);
     EXPECT_EQ(Output(RULES), "50:all main\n240:all default\n50:all main\n240:all default\n");
