@@ -751,7 +751,7 @@ TEST_F(Dispatch, AForkedChildHasAClientOfItsOwn)
 TEST_F(Dispatch, NoConnectionOfTheParentsIsOpenInAChild)
 {
     std::atomic<bool> Stop = false;
-    Replace(Notify, NOTIFY_PORT, [](int) { usleep(300); }); /* a reconnection each time */
+    Replace(Notify, NOTIFY_PORT, [](int) { usleep(1000); }); /* a reconnection each time */
     std::jthread Exchanging([&] {
         while (!Stop) {
             usleep(ExchangeUnaccounted() == 0 ? 0 : 100);
@@ -760,11 +760,11 @@ TEST_F(Dispatch, NoConnectionOfTheParentsIsOpenInAChild)
     std::jthread Restarting([&] {
         while (!Stop) {
             EXPECT_EQ(OV_DispatchClientInit(), 0);
-            usleep(1000);
+            usleep(3000);
             OV_DispatchClientExit();
         }
     });
-    for (int Fork = 0; Fork < 300; Fork++) {
+    for (int Fork = 0; Fork < 200; Fork++) {
         EXPECT_EQ(InChild(ClientSockets), 0);
     }
     Stop = true;
