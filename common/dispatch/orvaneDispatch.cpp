@@ -35,7 +35,9 @@ static constexpr const char *MODULE_NAME = "dispatch_client";
 
 /* Both change while nobody is inside the gate. A forked child goes on with its parent's. */
 static int32_t g_MemModId = -1;
-static uint32_t s_Registration = 1; /* counts those of the module; never 0 */
+static uint32_t s_Registration = 1; /* counts those of the module; never 0, and fits its bits */
+static constexpr unsigned NAMED_BITS = 2;
+static constexpr uint32_t REGISTRATION_MAX = UINT32_MAX >> NAMED_BITS;
 static constinit GATE s_ModuleGate(GATE::OPEN_WHEN_NEW, nullptr);
 
 OV_ERR_T _OV_DispatchRegister()
@@ -52,11 +54,18 @@ OV_ERR_T _OV_DispatchRegister()
     return 0;
 }
 
+void _OV_DispatchUnregister()
+{
+    s_ModuleGate.BeginStopOfAny();
+    s_ModuleGate.WaitUntilEmpty();
+    OV_MemModUnRegister(std::exchange(g_MemModId, -1));
+    s_Registration = s_Registration % REGISTRATION_MAX + 1;
+    s_ModuleGate.End();
+}
+
 /* The bits of a descriptor that have no name: under which registration its two blocks were charged.
  * They are 0 in a record that the caller made. */
 static constexpr size_t BITS_OFFSET = offsetof(OV_DISPATCH_DESC, Size) + sizeof(uint32_t);
-static constexpr unsigned NAMED_BITS = 2;
-static constexpr uint32_t REGISTRATION_MAX = UINT32_MAX >> NAMED_BITS;
 static_assert(BITS_OFFSET + sizeof(uint32_t) == offsetof(OV_DISPATCH_DESC, List));
 
 static uint32_t _BitsOf(const OV_DISPATCH_DESC *Desc)
@@ -77,15 +86,6 @@ static void _NoteRegistration(OV_DISPATCH_DESC *Desc)
     const uint32_t Bits = _BitsOf(Desc) | s_Registration << NAMED_BITS;
 
     memcpy(reinterpret_cast<char *>(Desc) + BITS_OFFSET, &Bits, sizeof(Bits));
-}
-
-void _OV_DispatchUnregister()
-{
-    s_ModuleGate.BeginStopOfAny();
-    s_ModuleGate.WaitUntilEmpty();
-    OV_MemModUnRegister(std::exchange(g_MemModId, -1));
-    s_Registration = s_Registration % REGISTRATION_MAX + 1;
-    s_ModuleGate.End();
 }
 
 /* Keeps the module as it is while blocks are charged to it, or released. */

@@ -21,7 +21,7 @@ OV_PUBLIC_BEGIN
 
 /* As it travels. */
 typedef struct _OV_DISPATCH_HDR {
-    uint8_t Version; /* always 0 */
+    uint8_t Version; /* 0; another: no message */
     uint8_t Module;  /* 0 to 14 where it is received */
     uint16_t Type;   /* the module's own */
     uint32_t Length; /* of the whole message in bytes, header included */

@@ -63,10 +63,12 @@ struct _OV_DISPATCH_NOTIFY_ENTRY {
 };
 
 static CONNECTION g_DispatchConfig = {CONFIG_PORT, false, nullptr, nullptr};
-static _OV_DISPATCH_NOTIFY_ENTRY
-    *g_DispatchNotify;                    /* the run of this start; null: none, or ended */
-static _OV_DISPATCH_NOTIFY_ENTRY *s_Runs; /* also one that is being started, or was stopped by its
-                                           * own handler */
+
+/* The run of this start; null: none, or it ended. */
+static _OV_DISPATCH_NOTIFY_ENTRY *g_DispatchNotify;
+
+/* All, also one that is being started, or was stopped by its own handler. */
+static _OV_DISPATCH_NOTIFY_ENTRY *s_Runs;
 
 /* The run that the calling thread is, null on every other thread. */
 static thread_local _OV_DISPATCH_NOTIFY_ENTRY *s_OwnRun;
