@@ -613,14 +613,6 @@ TEST_F(Dispatch, AStartThatFailsLeavesNothing)
     }
 }
 
-TEST_F(Dispatch, AThousandStartsAndStopsLeaveNothing)
-{
-    for (int Count = 0; Count < 1000; Count++) {
-        ASSERT_EQ(OV_DispatchClientInit(), 0);
-        OV_DispatchClientExit();
-    }
-}
-
 /* A server that neither answers nor reads must not keep a stop waiting. */
 TEST_F(Dispatch, AStopEndsExchangesAndPushesThatHang)
 {
