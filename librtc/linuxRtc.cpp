@@ -8,6 +8,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -19,9 +20,16 @@ static constexpr size_t LINE_SIZE = 1024;
 static constexpr mode_t CONTROL_FILE_MODE = 0666;
 static constexpr uint32_t PREFIX_LENGTH_DEFAULT = 32;
 
-/* Who is inside of popen, pclose or system. These have locks of libc's, which a fork leaves held: a
- * child that was forked meanwhile starts its shells without them. */
+/* Who is inside of popen, pclose or system. */
 static constinit VISITORS s_InLibc;
+
+/* These have locks of libc's, which a fork leaves held: a child that was forked meanwhile starts
+ * its shells without them. So does a thread of the library's, in a callback: from them a command
+ * would have all signals blocked, and could not be told to end. */
+static bool _IsWithoutLibc()
+{
+    return g_IsLibraryThread || s_InLibc.WereLost();
+}
 
 /* A command whose output is read. */
 struct SHELL_OUTPUT {
@@ -33,9 +41,20 @@ static pid_t _SpawnShell(const char *Command, const posix_spawn_file_actions_t *
 {
     char *const Arguments[] = {const_cast<char *>("sh"), const_cast<char *>("-c"),
                                const_cast<char *>(Command), nullptr};
+    posix_spawnattr_t Attributes;
+    sigset_t Mask;
     pid_t Shell;
 
-    return posix_spawn(&Shell, "/bin/sh", Actions, nullptr, Arguments, environ) == 0 ? Shell : -1;
+    pthread_sigmask(SIG_SETMASK, nullptr, &Mask);
+    if (g_IsLibraryThread) {
+        sigemptyset(&Mask);
+    }
+    posix_spawnattr_init(&Attributes);
+    posix_spawnattr_setflags(&Attributes, POSIX_SPAWN_SETSIGMASK);
+    posix_spawnattr_setsigmask(&Attributes, &Mask);
+    const int Error = posix_spawn(&Shell, "/bin/sh", Actions, &Attributes, Arguments, environ);
+    posix_spawnattr_destroy(&Attributes);
+    return Error == 0 ? Shell : -1;
 }
 
 /* Its status, -1 when that cannot be known. */
@@ -75,7 +94,7 @@ static SHELL_OUTPUT _OpenOwnOutput(const char *Command)
 
 static SHELL_OUTPUT _OpenOutput(const char *Command)
 {
-    if (s_InLibc.WereLost()) {
+    if (_IsWithoutLibc()) {
         return _OpenOwnOutput(Command);
     }
     const unsigned Ticket = s_InLibc.Enter();
@@ -105,7 +124,7 @@ static void _LeaveLibc(void *Ticket)
 /* What system returns; it may be cancelled, and then ends the shell. */
 static int _RunShell(const char *Command)
 {
-    if (s_InLibc.WereLost()) {
+    if (_IsWithoutLibc()) {
         const CANCEL_SCOPE Whole;
         const pid_t Shell = _SpawnShell(Command, nullptr);
         return Shell > 0 ? _WaitForShell(Shell) : -1;

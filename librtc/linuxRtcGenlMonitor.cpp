@@ -590,6 +590,7 @@ static void _WaitForEvent()
 
 static void *_RTCMonitorThread(void *)
 {
+    g_IsLibraryThread = true;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); /* but in _Wait */
     const MUTEX_SCOPE Work(s_WorkLock);
 
@@ -704,6 +705,7 @@ static void *_RTCMonitorCheckThread(void *)
 {
     unsigned Interval = ABSENT_CHECK_SECONDS;
 
+    g_IsLibraryThread = true;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); /* but in _Wait */
     const MUTEX_SCOPE Work(s_WorkLock);
     /* Both threads begin at once; the family is not to wait for the second check. */

@@ -18,12 +18,12 @@
 static constexpr OV_ERR_T UNKNOWN_NL_ERROR = -254;
 
 /* A connected socket, for a forked child to close. */
-struct OPEN_SOCKET {
+struct LIBNL_SOCKET {
     int Descriptor;
     pthread_t Owner; /* 0: no thread's */
 };
 
-static OPEN_SOCKET *s_OpenSockets; /* all of it under s_LibNlLock */
+static LIBNL_SOCKET *s_OpenSockets; /* all of it under s_LibNlLock */
 static size_t s_OpenCount;
 static size_t s_OpenRoom;
 
@@ -33,7 +33,7 @@ static void _CloseParentsSockets()
     for (size_t Index = 0; Index < s_OpenCount; Index++) {
         struct sockaddr_nl Local = {};
         socklen_t Length = sizeof(Local);
-        const OPEN_SOCKET &Open = s_OpenSockets[Index];
+        const LIBNL_SOCKET &Open = s_OpenSockets[Index];
 
         if (Open.Owner != pthread_self() &&
             getsockname(Open.Descriptor, reinterpret_cast<struct sockaddr *>(&Local), &Length) ==
@@ -123,7 +123,7 @@ static void _NoteOpen(int Descriptor, LIBNL_OWNER Owner)
         if (Grown == nullptr) {
             return;
         }
-        s_OpenSockets = static_cast<OPEN_SOCKET *>(Grown);
+        s_OpenSockets = static_cast<LIBNL_SOCKET *>(Grown);
         s_OpenRoom = Room;
     }
     s_OpenSockets[s_OpenCount++] = {Descriptor, Owner == OWNED_BY_THREAD ? pthread_self() : 0};

@@ -61,6 +61,10 @@ class SIGNAL_SCOPE {
     sigset_t Before;
 };
 
+/* This thread is one of the library's own, which have all signals blocked: what it starts is not to
+ * inherit that. */
+inline constinit thread_local bool g_IsLibraryThread = false;
+
 template <typename LOCK>
 class LOCK_SCOPE {
   public:

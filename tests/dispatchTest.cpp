@@ -1,5 +1,6 @@
 /* Dispatch: a frame that is read or written beyond its buffer, a reply that reaches the wrong
  * caller, a notification lost, a stop that hangs, leaks or leaves a second reader behind. */
+#include "linuxRtc.h"
 #include "loopbackServer.h"
 #include "orvaneDispatchClient.h"
 #include "orvaneImc.h"
@@ -681,7 +682,18 @@ TEST_F(Dispatch, SignalsAreForOtherThreads)
     struct sigaction Action = {}, Before;
     Action.sa_handler = [](int) {};
     sigaction(SIGUSR1, &Action, &Before);
-    Handle(CountIt);
+    Handle(
+        [](OV_DISPATCH_DESC *Desc) { /* its commands can be told to end */
+                                     char Blocked[64];
+                                     OV_RTCExecCmd("grep SigBlk: /proc/self/status", Blocked,
+                                                   sizeof(Blocked));
+                                     EXPECT_STREQ(Blocked, "SigBlk:\t0000000000000000\n");
+                                     EXPECT_EQ(
+                                         OV_RTCSystem(
+                                             "grep -q SigBlk:.0000000000000000 /proc/self/status"),
+                                         0);
+                                     return CountIt(Desc);
+        });
     Replace(Notify, NOTIFY_PORT, [this](int Socket) {
         EXPECT_TRUE(WaitUntil([this] { return Served == 1; }));
         SendBytes(Socket, Frame(MODULE, 1, "hello"));

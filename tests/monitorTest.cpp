@@ -17,6 +17,7 @@
 #include <mutex>
 #include <net/if.h>
 #include <netlink/errno.h>
+#include <set>
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -563,6 +564,26 @@ TEST_F(MonitorTest, StartAndStopUnderLoad)
     EXPECT_EQ(OpenDescriptors(), Descriptors);
     EXPECT_LT(AddressSpace(), Space + (1UL << 30)); /* two stacks a start would be 16 GiB */
     EXPECT_GT(s_Count, 0);
+}
+
+TEST_F(MonitorTest, WhoeverRegistersFirstIsToldOfEachLinkOnce)
+{
+    for (int Time = 0; Time < 20; Time++) {
+        ASSERT_EQ(OV_RTCGenlMonitorInit(), 0);
+        if (Time % 2 == 1) {
+            usleep(2000);
+        }
+        ASSERT_EQ(OV_RTCGenlMonitorRegCallback(Keep), 0);
+        ASSERT_EQ(OV_RTCGenlMonitorRegCallback(Count), 1);                   /* asks for nothing */
+        EXPECT_TRUE(WaitUntil([] { return s_Events.size() >= 3; })) << Time; /* lo and a pair */
+        usleep(5000);
+        std::multiset<std::string> Told;
+        for (const OV_RTC_MONITOR_NOTIFY &Notify : TakeEvents()) {
+            Told.insert(Notify.LinkNotify.IfName);
+        }
+        EXPECT_EQ(Told, (std::multiset<std::string>{"lo", "v0", "v1"})) << Time;
+        OV_RTCGenlMonitorUninit();
+    }
 }
 
 /* ---- Bursts, overruns, sockets that vanish ---- */

@@ -274,6 +274,7 @@ static void *_OV_DispatchNotifyClientThread(void *Arg)
     const CANCEL_SCOPE Whole; /* a stop waits for the end of this function */
     auto *Run = static_cast<_OV_DISPATCH_NOTIFY_ENTRY *>(Arg);
 
+    g_IsLibraryThread = true;
     s_Gate.WaitWhileStarting(); /* a handler may stop what runs */
     s_OwnRun = Run;
     Run->Desc = OV_DispatchAllocDesc(NOTIFY_DESC_SIZE);
