@@ -9,6 +9,9 @@
  * a time is on the connection, for its whole request and reply. There is no time limit, but a
  * release ends an exchange that waits. An exchange is not cancelled in its middle. Failures are
  * logged to the system log (error).
+ *
+ * The service is trusted: nobody else may listen on the port. Nothing proves who does, and a reply
+ * may be as long as it says: a caller waits for all of it.
  */
 #ifndef ORVANE_IMC_CONF_CLIENT_H
 #define ORVANE_IMC_CONF_CLIENT_H

@@ -10,8 +10,9 @@
  * Allocation, free and usage take no lock: they read the pool under RCU, and destruction waits for
  * them. Every thread that calls these three must be registered with liburcu's memory-barrier
  * flavour (OV_RcuRegisterThread of orvanePlatformRcu.h) before, and unregister before it ends: a
- * destruction does not wait for a thread that is not. The dispatch client's thread is registered.
- * Creation and destruction may be called from any thread, but not inside an RCU read section.
+ * destruction does not wait for a thread that is not. The dispatch client's thread is, while a
+ * handler runs. Creation and destruction may be called from any thread, but not inside an RCU read
+ * section.
  */
 #ifndef ORVANE_MEM_POOL_H
 #define ORVANE_MEM_POOL_H

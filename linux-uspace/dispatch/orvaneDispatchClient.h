@@ -8,7 +8,8 @@
  *   and calls the handler of the message's module. It reconnects once after each failure, at once,
  *   and ends for good when that fails: see OV_DispatchClientIsListening. It keeps each descriptor
  *   that it replaced until it ends: a server that accepts and closes over and over costs one each
- *   time. It is registered with RCU.
+ *   time. While a handler runs it is registered with RCU, and a fork waits for it, for a second at
+ *   most.
  *
  * The server is trusted: nobody but the appliance's own service may listen on the two ports.
  * Nothing proves who does, and the length of a message has no bound: whoever listens may keep
@@ -26,9 +27,10 @@
 
 OV_PUBLIC_BEGIN
 
-/* Called on the thread "NotifyClient", which blocks all signals, for each notification of its
- * module; it must return. The descriptor is the thread's own and valid during the call; the handler
- * may reply through it. The descriptor that is returned is not looked at. */
+/* Called on the thread "NotifyClient", which blocks all signals (commands that it runs do not), for
+ * each notification of its module; it must return. The descriptor is the thread's own and valid
+ * during the call; the handler may reply through it. The descriptor that is returned is not looked
+ * at. */
 typedef OV_DISPATCH_DESC *(*OV_DISPATCH_FUNC)(OV_DISPATCH_DESC *Desc);
 
 /* Connects to the server and starts the thread; NoNotify: the configuration connection alone.
