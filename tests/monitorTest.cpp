@@ -575,12 +575,16 @@ TEST_F(MonitorTest, WhoeverRegistersFirstIsToldOfEachLinkOnce)
         }
         ASSERT_EQ(OV_RTCGenlMonitorRegCallback(Keep), 0);
         ASSERT_EQ(OV_RTCGenlMonitorRegCallback(Count), 1);                   /* asks for nothing */
-        EXPECT_TRUE(WaitUntil([] { return s_Events.size() >= 3; })) << Time; /* lo and a pair */
-        usleep(5000);
         std::multiset<std::string> Told;
-        for (const OV_RTC_MONITOR_NOTIFY &Notify : TakeEvents()) {
-            Told.insert(Notify.LinkNotify.IfName);
-        }
+        const auto Take = [&] {
+            for (const OV_RTC_MONITOR_NOTIFY &Notify : TakeEvents()) {
+                Told.insert(Notify.LinkNotify.IfName);
+            }
+            return Told.size() >= 3;
+        };
+        EXPECT_TRUE(WaitUntil(Take)) << Time;
+        usleep(5000);
+        Take();
         EXPECT_EQ(Told, (std::multiset<std::string>{"lo", "v0", "v1"})) << Time;
         OV_RTCGenlMonitorUninit();
     }
