@@ -226,7 +226,7 @@ static void BenchMemory()
 
     OV_RcuRegisterThread();
     Row(
-        "pool alloc + free / malloc + free, 64", 1000000, 11, 3,
+        "pool alloc + free / malloc + free, 64", 1000000, 11, 4,
         [](int Count) {
             for (int Index = 0; Index < Count; Index++) {
                 OV_MemPoolFree(Pool, OV_MemPoolAlloc(Pool));

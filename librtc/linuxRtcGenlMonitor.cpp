@@ -89,6 +89,7 @@ static struct nl_sock *s_LostSocks[8]; /* the last ones whose descriptor somebod
 static size_t s_LostCount;
 static bool s_IsRouteSockLost;  /* so the check thread has to make gs_NlSock */
 static unsigned s_FailureCount; /* of receiving, one after the other */
+static bool s_IsErrorAnswer;    /* what failed was a request: the socket received that */
 static pthread_t gs_MonitorThreadId;
 static pthread_t gs_CheckThreadId; /* 0: none. A thread that is in neither has been stopped. */
 
@@ -314,6 +315,14 @@ static int _JoinGroup(struct nl_sock *Sock, const NETLINK_KIND &Kind)
     return GroupId;
 }
 
+/* libnl's callback for an error that answers a request, such as -EBUSY for a dump that is asked for
+ * while another one runs. The receive then ends with that error, as it would without a callback. */
+static int _NoteErrorAnswer(struct sockaddr_nl *, struct nlmsgerr *, void *)
+{
+    s_IsErrorAnswer = true;
+    return NL_STOP;
+}
+
 static struct nl_sock *_RTCMonitorCreateNetlink(_OV_NL_TYPE GenlNetlink)
 {
     NL_SOCK_SCOPE Sock(nl_socket_alloc());
@@ -335,6 +344,7 @@ static struct nl_sock *_RTCMonitorCreateNetlink(_OV_NL_TYPE GenlNetlink)
         OV_LOG_ERROR("nl_socket_modify_cb failed(err: %d)", NlError);
         return nullptr;
     }
+    nl_socket_modify_err_cb(Sock.get(), NL_CB_CUSTOM, _NoteErrorAnswer, nullptr);
     NlError = _OV_RTCLibNlConnect(Sock.get(), Kind.Protocol, OWNED_BY_MODULE);
     if (NlError != 0) {
         OV_LOG_ERROR("genl_connect failed(err: %d)", NlError);
@@ -536,6 +546,7 @@ static void _Receive(int Fd)
 {
     int NlError = 0;
 
+    s_IsErrorAnswer = false;
     if (gs_NlSock != nullptr && Fd == nl_socket_get_fd(gs_NlSock)) {
         NlError = nl_recvmsgs_default(gs_NlSock);
         if (NlError < 0) {
@@ -548,7 +559,7 @@ static void _Receive(int Fd)
             OV_LOG_ERROR("nl_ovconn nl_recvmsgs failed(rc: %d)", NlError);
         }
     }
-    s_FailureCount = NlError < 0 ? s_FailureCount + 1 : 0;
+    s_FailureCount = NlError < 0 && !s_IsErrorAnswer ? s_FailureCount + 1 : 0;
     if (s_FailureCount > 1) { /* it may last, as want of memory does: no line a microsecond */
         _Sleep(RECEIVE_PAUSE_SECONDS);
     }

@@ -48,7 +48,8 @@ int OV_RTCGenlMonitorSendPtxNotify(OV_CON_STATE_NOTIFY *Notify);
 int OV_RTCGenlMonitorGetAllRoute(const NotifyCallback CallBack);
 
 /* Asks the kernel for all addresses over the running monitor's socket. The answers are dropped:
- * nothing is delivered. */
+ * nothing is delivered. The kernel refuses the request while another dump runs (logged); events are
+ * not delayed by that. */
 void OV_RTCMonitorSendAddrRequest(void);
 
 OV_PUBLIC_END

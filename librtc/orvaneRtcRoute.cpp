@@ -214,21 +214,26 @@ OV_ERR_T OV_RTCRouteDel(const OV_RTC_ROUTE_CONF *RouteConf)
     return _IsUsable(RouteConf) ? _OV_RTCRouetProcess(OV_RTC_LIBNL_OP_DEL, RouteConf) : -EINVAL;
 }
 
+/* Who is told, and the dump's own socket, which names interfaces, too. */
+struct ROUTE_DUMP {
+    OV_RTC_ROUTE_CALLBACK_WITH_ARG Receiver;
+    int Socket;
+};
+
 static int _OV_RTCRouteParseCallback(struct nl_msg *Message, void *Arg)
 {
-    const auto *Receiver = static_cast<const OV_RTC_ROUTE_CALLBACK_WITH_ARG *>(Arg);
+    const auto *Dump = static_cast<const ROUTE_DUMP *>(Arg);
     OV_RTC_MONITOR_NOTIFY Notify;
 
-    if (_OV_RTCRouteNotifyBuild(nlmsg_hdr(Message), {"0.0.0.0", "0"}, -1, &Notify)) {
+    if (_OV_RTCRouteNotifyBuild(nlmsg_hdr(Message), {"0.0.0.0", "0"}, Dump->Socket, &Notify)) {
         Notify.RouteNotify.Event = 1; /* listed counts as added */
-        Receiver->Callback(&Notify, Receiver->Arg);
+        Dump->Receiver.Callback(&Notify, Dump->Receiver.Arg);
     }
     return NL_OK;
 }
 
 OV_ERR_T OV_RTCRouteGetAll(const RouteNotifyCallback Callback, void *Arg)
 {
-    OV_RTC_ROUTE_CALLBACK_WITH_ARG Receiver = {Callback, Arg};
     struct rtmsg Request = {};
     LIBNL_SESSION Session;
 
@@ -242,9 +247,10 @@ OV_ERR_T OV_RTCRouteGetAll(const RouteNotifyCallback Callback, void *Arg)
     }
 
     struct nl_sock *Sock = Session.Sock.get();
+    ROUTE_DUMP Dump = {{Callback, Arg}, nl_socket_get_fd(Sock)};
     nl_socket_disable_seq_check(Sock);
     int NlResult =
-        nl_socket_modify_cb(Sock, NL_CB_VALID, NL_CB_CUSTOM, _OV_RTCRouteParseCallback, &Receiver);
+        nl_socket_modify_cb(Sock, NL_CB_VALID, NL_CB_CUSTOM, _OV_RTCRouteParseCallback, &Dump);
     Error = _OV_RTCLibNlResult(NlResult);
     if (Error < 0) {
         OV_LOG_ERROR("nl_socket_modify_cb failed(ovRet = %d nlRet = %d(%s))", Error, NlResult,

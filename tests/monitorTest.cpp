@@ -574,7 +574,7 @@ TEST_F(MonitorTest, WhoeverRegistersFirstIsToldOfEachLinkOnce)
             usleep(2000);
         }
         ASSERT_EQ(OV_RTCGenlMonitorRegCallback(Keep), 0);
-        ASSERT_EQ(OV_RTCGenlMonitorRegCallback(Count), 1);                   /* asks for nothing */
+        ASSERT_EQ(OV_RTCGenlMonitorRegCallback(Count), 1); /* asks for nothing */
         std::multiset<std::string> Told;
         const auto Take = [&] {
             for (const OV_RTC_MONITOR_NOTIFY &Notify : TakeEvents()) {
@@ -588,6 +588,25 @@ TEST_F(MonitorTest, WhoeverRegistersFirstIsToldOfEachLinkOnce)
         EXPECT_EQ(Told, (std::multiset<std::string>{"lo", "v0", "v1"})) << Time;
         OV_RTCGenlMonitorUninit();
     }
+}
+
+/* The kernel refuses a dump while another runs; that stops no event. */
+TEST_F(MonitorTest, RefusedAddressRequestsDelayNothing)
+{
+    Start(Keep);
+    s_PauseCount = 0;
+    for (int Time = 0; Time < 30; Time++) {
+        OV_RTCMonitorSendAddrRequest();
+        OV_RTCMonitorSendAddrRequest();
+    }
+    ASSERT_TRUE(Ip("route add 7.1.0.0/16 dev v0"));
+    EXPECT_TRUE(
+        WaitUntil([] { return Saw("add 7.1.0.0/16 via '' dev 'v0' table 254 proto 3 metric 0"); }));
+    EXPECT_EQ(s_PauseCount, 0);
+    STRINGS Log = TakeLog();
+    EXPECT_TRUE(std::any_of(Log.begin(), Log.end(), [](const std::string &Line) {
+        return Contains(Line, "]nl_route nl_recvmsgs failed(rc: -25)");
+    })) << "no request was refused";
 }
 
 /* ---- Bursts, overruns, sockets that vanish ---- */
