@@ -166,7 +166,7 @@ int rtc_net_bonf_get_allports(const char *ifname, char *buf, size_t)
 {
     char Command[RTC_COMMAND_SIZE];
 
-    if (!_OV_RTCIsGiven(ifname, buf) ||
+    if (!_OV_RTCIsGiven(ifname) || buf == nullptr ||
         !_OV_RTCCompose(Command, COMMAND_ROOM, "cat /sys/class/net/%s/bonding/slaves", ifname)) {
         return -1;
     }

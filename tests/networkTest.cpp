@@ -26,6 +26,7 @@ static std::string Lte(STRINGS Words)
 static std::string BondPorts(STRINGS Words)
 {
     MARKED_BUFFER Out(8);
+    Out.Text()[0] = '\0'; /* as a caller's fresh buffer may be */
     const int Result = rtc_net_bonf_get_allports(STORY_WORD(Words[0]), Out.Text(), 64);
 
     EXPECT_TRUE(Out.EdgesIntact());
