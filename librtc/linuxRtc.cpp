@@ -1,5 +1,6 @@
 #include "linuxRtc.h"
 
+#include "linuxRtcInternal.h"
 #include "orvaneGateInternal.h"
 #include "orvaneLibrtcLog.h"
 #include "orvaneSafeStr.h"
@@ -30,6 +31,10 @@ static bool _IsWithoutLibc()
 {
     return g_IsLibraryThread || s_InLibc.WereLost();
 }
+
+/* Held while a command that is read starts: a forked child would have the pipe's other end open,
+ * and the reader wait for the child, too. */
+static constinit FORK_MUTEX s_PipeLock(FORK_RANK_COMMAND_PIPE, HELD_FOR_A_MOMENT);
 
 /* A command whose output is read. */
 struct SHELL_OUTPUT {
@@ -94,11 +99,13 @@ static SHELL_OUTPUT _OpenOwnOutput(const char *Command)
 
 static SHELL_OUTPUT _OpenOutput(const char *Command)
 {
+    const MUTEX_SCOPE Pipe(s_PipeLock);
+
     if (_IsWithoutLibc()) {
         return _OpenOwnOutput(Command);
     }
     const unsigned Ticket = s_InLibc.Enter();
-    FILE *Stream = popen(Command, "re");
+    FILE *Stream = popen(Command, "re"); /* one at a time in libc, too */
     s_InLibc.Leave(Ticket);
     return {Stream, 0};
 }
@@ -122,7 +129,7 @@ static void _LeaveLibc(void *Ticket)
 }
 
 /* What system returns; it may be cancelled, and then ends the shell. */
-static int _RunShell(const char *Command)
+int _OV_RTCRunShell(const char *Command)
 {
     if (_IsWithoutLibc()) {
         const CANCEL_SCOPE Whole;
@@ -180,6 +187,7 @@ static bool _CaptureLines(FILE *Stream, char *Buf, size_t Size, size_t *Count)
 int OV_RTCExecCmd(const char *cmd, char *buf, size_t size)
 {
     const CANCEL_SCOPE Whole; /* the pipe and the child are ours until pclose */
+    const int CallerErrno = errno;
     char Command[COMMAND_SIZE];
     size_t Count = 0;
 
@@ -202,6 +210,7 @@ int OV_RTCExecCmd(const char *cmd, char *buf, size_t size)
         OV_LOG_ERROR("csn_exec_cmd: over size");
     }
     _CloseOutput(Output);
+    errno = CallerErrno;
     return static_cast<int>(Count);
 }
 
@@ -210,7 +219,7 @@ int OV_RTCSystem(const char *cmd)
     OV_LOG_INFO("%s", cmd);
 
     /* system(NULL) would only ask whether there is a shell. */
-    const int Status = cmd == nullptr ? -1 : _RunShell(cmd);
+    const int Status = cmd == nullptr ? -1 : _OV_RTCRunShell(cmd);
     if (Status != -1 && WIFEXITED(Status) && WEXITSTATUS(Status) == 0) {
         return 0;
     }

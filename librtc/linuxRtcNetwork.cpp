@@ -4,13 +4,13 @@
 #include "linuxRtcBypass.h"
 #include "linuxRtcBypassInternal.h"
 #include "linuxRtcInterfaceLink.h"
+#include "linuxRtcInternal.h"
 #include "linuxRtcNetworkInternal.h"
 #include "linuxRtcShellInternal.h"
 #include "orvaneLibrtcLog.h"
 #include "orvaneRtcIpRule.h"
 #include "orvaneSafeStr.h"
 
-#include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -128,7 +128,7 @@ int rtc_net_bond_load_module(void)
 /* A question is no action: it is not in the log. */
 static int _IsSo(const char *Command)
 {
-    const int Status = system(Command);
+    const int Status = _OV_RTCRunShell(Command);
     return Status != -1 && WIFEXITED(Status) && WEXITSTATUS(Status) == 0;
 }
 

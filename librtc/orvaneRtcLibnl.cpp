@@ -20,6 +20,7 @@ static constexpr OV_ERR_T UNKNOWN_NL_ERROR = -254;
 /* A connected socket, for a forked child to close. */
 struct LIBNL_SOCKET {
     int Descriptor;
+    uint32_t Port;   /* tells it from another one that got the number */
     pthread_t Owner; /* 0: no thread's */
 };
 
@@ -38,7 +39,7 @@ static void _CloseParentsSockets()
         if (Open.Owner != pthread_self() &&
             getsockname(Open.Descriptor, reinterpret_cast<struct sockaddr *>(&Local), &Length) ==
                 0 &&
-            Local.nl_family == AF_NETLINK) {
+            Local.nl_family == AF_NETLINK && Local.nl_pid == Open.Port) {
             close(Open.Descriptor);
         }
     }
@@ -114,7 +115,7 @@ OV_ERR_T OV_RTCLibNlSockAlloc(struct nl_sock **nlSock)
 }
 
 /* Without memory a child does not learn of the socket, and has it open. */
-static void _NoteOpen(int Descriptor, LIBNL_OWNER Owner)
+static void _NoteOpen(const struct nl_sock *Sock, LIBNL_OWNER Owner)
 {
     if (s_OpenCount == s_OpenRoom) {
         const size_t Room = s_OpenRoom * 2 + 8;
@@ -126,7 +127,8 @@ static void _NoteOpen(int Descriptor, LIBNL_OWNER Owner)
         s_OpenSockets = static_cast<LIBNL_SOCKET *>(Grown);
         s_OpenRoom = Room;
     }
-    s_OpenSockets[s_OpenCount++] = {Descriptor, Owner == OWNED_BY_THREAD ? pthread_self() : 0};
+    s_OpenSockets[s_OpenCount++] = {nl_socket_get_fd(Sock), nl_socket_get_local_port(Sock),
+                                    Owner == OWNED_BY_THREAD ? pthread_self() : 0};
 }
 
 static void _NoteClosed(int Descriptor)
@@ -164,7 +166,7 @@ int _OV_RTCLibNlConnect(struct nl_sock *Sock, int Protocol, LIBNL_OWNER Owner)
     const int NlError = nl_connect(Sock, Protocol);
 
     if (NlError == 0) {
-        _NoteOpen(nl_socket_get_fd(Sock), Owner);
+        _NoteOpen(Sock, Owner);
     }
     return NlError;
 }

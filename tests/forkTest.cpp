@@ -18,6 +18,7 @@
 
 #include <arpa/inet.h>
 #include <atomic>
+#include <chrono>
 #include <errno.h>
 #include <filesystem>
 #include <signal.h>
@@ -386,6 +387,19 @@ static void AnswerItems(int Socket)
     }
 }
 
+/* The program's own, registered before the library's. */
+static std::atomic<bool> s_AreHandlersInUse;
+static void Handler()
+{
+    if (s_AreHandlersInUse) {
+        UseMemory();
+        LogAgent();
+        LogRotating();
+        AskForTheTime();
+    }
+}
+static const int s_IsHandled = pthread_atfork(Handler, Handler, Handler);
+
 class Fork : public testing::TestWithParam<ROW> {
   protected:
     static void SetUpTestSuite()
@@ -516,6 +530,51 @@ INSTANTIATE_TEST_SUITE_P(Rows, Fork, testing::ValuesIn(ROWS),
 TEST_F(Fork, AChildUsesTheWholeLibrary)
 {
     ExpectGoodChildren({std::begin(ROWS), std::end(ROWS)}, 60);
+}
+
+/* The pipe of a command that is read has no other end in a child, which may live for months. */
+TEST_F(Fork, AChildThatLivesHoldsUpNoCommand)
+{
+    std::atomic<int> Late = 0;
+    s_IsOver = false;
+    std::thread Reader([&] {
+        while (!s_IsOver) {
+            const auto Before = std::chrono::steady_clock::now();
+            RunCommands();
+            Late += std::chrono::steady_clock::now() - Before > std::chrono::milliseconds(700);
+        }
+    });
+    std::vector<pid_t> Children;
+    for (int Count = 0; Count < 60; Count++) {
+        Children.push_back(fork());
+        if (Children.back() == 0) {
+            usleep(1000000);
+            _exit(0);
+        }
+        usleep(5000);
+    }
+    for (const pid_t Child : Children) {
+        WaitForProcess(Child);
+    }
+    s_IsOver = true;
+    Reader.join();
+    EXPECT_EQ(Late, 0);
+}
+
+/* Its handlers run between the library's, while the fork sits on the locks. */
+TEST_F(Fork, AProgramsOwnHandlersMayLogAndAllocate)
+{
+    s_AreHandlersInUse = true;
+    for (int Count = 0; Count < 20; Count++) {
+        alarm(5);
+        const pid_t Child = fork();
+        if (Child == 0) {
+            _exit(0);
+        }
+        EXPECT_EQ(WaitForProcess(Child), 0);
+    }
+    alarm(0);
+    s_AreHandlersInUse = false;
 }
 
 /* It goes on with its copy of the call, behind the gate that its parent's threads are still in. */

@@ -1,6 +1,7 @@
 #include "orvaneImc.h"
 
 #include "orvaneForeignInternal.h"
+#include "orvaneImcInternal.h"
 #include "orvaneSocketInternal.h"
 
 #include <netinet/in.h>
@@ -65,28 +66,45 @@ void *OV_ImcReplyPayload(const OV_FLEXIBLE_MSG *Msg)
     return OV_ImcReplyHdr(Msg)->Payload;
 }
 
+OV_ERR_T _OV_ImcMakeSocket(OV_SOCKET *Socket)
+{
+    const OV_ERR_T Result = OV_Socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0, Socket);
+
+    if (Result < 0) {
+        OV_SYSLOG(LOG_ERR, "OV_Socket failed : %s\n", strerror(-Result));
+    }
+    return Result;
+}
+
+OV_ERR_T _OV_ImcConnectSocket(OV_SOCKET Socket, uint32_t Addr, uint16_t Port)
+{
+    struct sockaddr_in Peer = {};
+
+    OV_SYSLOG(LOG_DEBUG, "%s connect 0x%x:%d\n", "OV_ImcConnect", Addr, Port);
+    Peer.sin_family = AF_INET;
+    Peer.sin_port = htons(Port);
+    Peer.sin_addr.s_addr = htonl(Addr);
+    const OV_ERR_T Result = _OV_SocketConnect(Socket, Peer);
+    if (Result < 0) {
+        OV_SYSLOG(LOG_ERR, "OV_Connect failed : %s\n", strerror(-Result));
+    }
+    return Result;
+}
+
 OV_ERR_T OV_ImcConnect(uint32_t Addr, uint16_t Port, OV_SOCKET *Fd)
 {
     const CANCEL_SCOPE Whole; /* a socket is held */
     OV_SOCKET Socket = -1;
-    struct sockaddr_in Peer = {};
 
-    OV_ERR_T Result = OV_Socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0, &Socket);
+    OV_ERR_T Result = _OV_ImcMakeSocket(&Socket);
+    DESCRIPTOR_SCOPE Made(Socket);
+    if (Result >= 0) {
+        Result = _OV_ImcConnectSocket(Socket, Addr, Port);
+    }
     if (Result < 0) {
-        OV_SYSLOG(LOG_ERR, "OV_Socket failed : %s\n", strerror(-Result));
         return Result;
     }
-    OV_SYSLOG(LOG_DEBUG, "%s connect 0x%x:%d\n", __func__, Addr, Port);
-    Peer.sin_family = AF_INET;
-    Peer.sin_port = htons(Port);
-    Peer.sin_addr.s_addr = htonl(Addr);
-    Result = _OV_SocketConnect(Socket, Peer);
-    if (Result < 0) {
-        OV_SYSLOG(LOG_ERR, "OV_Connect failed : %s\n", strerror(-Result));
-        OV_SocketClose(Socket);
-        return Result;
-    }
-    *Fd = Socket;
+    *Fd = Made.Release();
     return 0;
 }
 

@@ -2,6 +2,7 @@
 
 #include "orvaneForeignInternal.h"
 #include "orvaneGateInternal.h"
+#include "orvaneImcInternal.h"
 
 #include <memory>
 #include <netinet/in.h>
@@ -9,6 +10,12 @@
 #include <utility>
 
 static constexpr uint16_t SERVICE_PORT = 55435;
+
+static void _ForgetConnection();
+
+/* Held while the socket is made or closed: a forked child knows it from its first moment. */
+static constinit FORK_MUTEX s_SocketLock(FORK_RANK_IMC_SOCKET, HELD_FOR_A_MOMENT,
+                                         _ForgetConnection);
 
 /* -1: none. Changed by start and stop alone, while nobody is inside the gate. */
 static OV_SOCKET sg_ImcConfSocket = -1;
@@ -22,7 +29,7 @@ static void _ForgetConnection()
 
 /* Passed by each call that may use the connection or a message; a stop waits until nobody needs
  * what it takes away. */
-static constinit GATE sg_ImcConfGate(GATE::CLOSED_WHEN_NEW, _ForgetConnection);
+static constinit GATE sg_ImcConfGate(GATE::CLOSED_WHEN_NEW, nullptr);
 
 /* One exchange at a time, for as long as the service takes. */
 static constinit FORK_MUTEX sg_ImcConfLock(FORK_RANK_IMC_EXCHANGE, HELD_FOR_LONG);
@@ -35,10 +42,28 @@ struct FLEX_MSG_FREE {
 };
 using FLEX_MSG_SCOPE = std::unique_ptr<OV_FLEXIBLE_MSG, FLEX_MSG_FREE>;
 
+static void _CloseConnection()
+{
+    const MUTEX_SCOPE Closing(s_SocketLock);
+
+    OV_SocketClose(std::exchange(sg_ImcConfSocket, -1));
+}
+
 static OV_ERR_T _OV_ImcConfConnect()
 {
     OV_SYSLOG(LOG_DEBUG, "_OV_ImcConfConnect connnect to 0x%x:%d\n", INADDR_LOOPBACK, SERVICE_PORT);
-    return OV_ImcConnect(INADDR_LOOPBACK, SERVICE_PORT, &sg_ImcConfSocket);
+    OV_ERR_T Result;
+    {
+        const MUTEX_SCOPE Making(s_SocketLock);
+        Result = _OV_ImcMakeSocket(&sg_ImcConfSocket);
+    }
+    if (Result >= 0) {
+        Result = _OV_ImcConnectSocket(sg_ImcConfSocket, INADDR_LOOPBACK, SERVICE_PORT);
+    }
+    if (Result < 0) {
+        _CloseConnection();
+    }
+    return Result;
 }
 
 static OV_ERR_T _Start()
@@ -81,8 +106,7 @@ void OV_ImcConfClientRelease(void)
 
     shutdown(sg_ImcConfSocket, SHUT_RDWR); /* ends an exchange that waits for a silent service */
     sg_ImcConfGate.WaitUntilEmpty();
-    OV_SocketClose(sg_ImcConfSocket);
-    sg_ImcConfSocket = -1;
+    _CloseConnection();
     OV_FlexMsgRelease();
     sg_ImcConfGate.End();
 }

@@ -18,7 +18,7 @@ static constexpr size_t BIG_SIZE = 8191; /* a block above it is worth a warning 
 static constexpr uint32_t REGISTERED = 1;
 static constexpr uint32_t PRINTED_BIG_SIZE_LOG = 2;
 
-/* Each on a cache line of its own: modules allocate on different threads. */
+/* Each on cache lines of its own: modules allocate on different threads. */
 struct alignas(64) _OV_MEM_USEAGE {
     FORK_SPINLOCK<FORK_RANK_MEMORY_MODULE> Lock; /* guards all but State */
     std::atomic<uint32_t> State; /* written under the lock, read without it as well */

@@ -27,18 +27,21 @@ class SYSTEM_LOG_SCOPE {
     const MUTEX_SCOPE Turn;
 };
 
-/* The library's one way to the system log; Format is a literal. */
+/* The library's one way to the system log; Format is a literal. In a child whose fork did not wait
+ * long enough the line is lost: libc's lock may be held for ever. */
 #define OV_SYSLOG(Priority, ...)            \
     do {                                    \
         const SYSTEM_LOG_SCOPE SyslogScope; \
-        syslog(Priority, __VA_ARGS__);      \
+        if (!g_SystemLogLock.IsTorn()) {    \
+            syslog(Priority, __VA_ARGS__);  \
+        }                                   \
     } while (0)
 
 /* liburcu's list of registered threads, and its grace periods. This flavour cannot be told of a
  * fork: a thread that the child does not have must not stand in the list, since it would be waited
  * for, and its memory linked in twice. The library's own thread therefore is registered only while
  * it has g_RcuReaderLock, which a fork takes. */
-inline constinit FORK_MUTEX g_RcuReaderLock(FORK_RANK_RCU_READER, HELD_FOR_A_MOMENT);
+inline constinit FORK_MUTEX g_RcuReaderLock(FORK_RANK_RCU_READER, HELD_FOR_A_CALLBACK);
 inline constinit FORK_MUTEX g_RcuLock(FORK_RANK_RCU, HELD_FOR_A_MOMENT);
 
 /* false in a child whose fork did not wait long enough for the two: nothing of liburcu may be

@@ -6,12 +6,14 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-static constexpr time_t WAIT_SECONDS = 1; /* of a fork, for all locks together */
+static constexpr time_t WAIT_SECONDS = 1;           /* of a fork, for all locks together */
+static constexpr long LEAST_NANOSECONDS = 20000000; /* for each lock, whatever the others took */
 static constexpr long STAND_BACK_NANOSECONDS = 2000000;
 static constexpr long NAP_NANOSECONDS = 20000; /* of a fork, between two tries */
 
 /* One fork at a time: they share the marks in the nodes. */
 static pthread_mutex_t s_ForkLock = PTHREAD_MUTEX_INITIALIZER;
+static std::atomic<pthread_t> s_ForkingThread; /* 0: none. It has s_NotesLock. */
 std::atomic<int> g_ForksPending;
 std::atomic<int> g_ForkClosedRank{-1};
 
@@ -81,6 +83,7 @@ static void _Prepare()
         _TakeAll(Deadline);
         _LockNotes();
         if (s_NodeCount == Count) {
+            s_ForkingThread = pthread_self();
             return;
         }
         _UnlockNotes();
@@ -90,6 +93,7 @@ static void _Prepare()
 
 static void _InParent()
 {
+    s_ForkingThread = 0;
     _UnlockNotes();
     _GiveBackAll();
     OV_MUTEX_ASSERT(pthread_mutex_unlock(&s_ForkLock));
@@ -99,6 +103,7 @@ static void _InParent()
 
 static void _InChild()
 {
+    s_ForkingThread = 0;
     _UnlockNotes();
     OV_MUTEX_ASSERT(pthread_mutex_unlock(&s_ForkLock));
     g_ForksPending = 0;
@@ -125,8 +130,12 @@ void _OV_ForkNote(FORK_NODE *Node, FORK_RANK Rank, const FORK_KIND *Kind, void (
 {
     static pthread_once_t IsWatching = PTHREAD_ONCE_INIT;
 
+    const bool IsMine = _OV_ForkIsMine(); /* for a handler of the program's: the list is ours */
+
     OV_MUTEX_ASSERT(pthread_once(&IsWatching, _Watch));
-    _LockNotes();
+    if (!IsMine) {
+        _LockNotes();
+    }
     if (!Node->IsNoted) {
         std::atomic<FORK_NODE *> *Link = &s_First;
 
@@ -144,7 +153,9 @@ void _OV_ForkNote(FORK_NODE *Node, FORK_RANK Rank, const FORK_KIND *Kind, void (
         s_NodeCount++;
         Node->IsNoted.store(true, std::memory_order_release);
     }
-    _UnlockNotes();
+    if (!IsMine) {
+        _UnlockNotes();
+    }
 }
 
 static bool _IsPast(const struct timespec &Deadline)
@@ -175,9 +186,17 @@ template <typename LOCK>
 static bool _Take(int (*Try)(LOCK *), LOCK *Lock, const struct timespec &Deadline)
 {
     static constexpr struct timespec NAP = {0, NAP_NANOSECONDS};
+    struct timespec Least;
 
+    if (Try(Lock) == 0) {
+        return true;
+    }
+    clock_gettime(CLOCK_MONOTONIC, &Least);
+    Least.tv_nsec += LEAST_NANOSECONDS;
+    Least.tv_sec += Least.tv_nsec / 1000000000;
+    Least.tv_nsec %= 1000000000;
     while (Try(Lock) != 0) {
-        if (_IsPast(Deadline)) {
+        if (_IsPast(Deadline) && _IsPast(Least)) {
             return false;
         }
         _Futex(FUTEX_WAIT_PRIVATE, g_ForksPending, &NAP);
@@ -195,8 +214,38 @@ bool _OV_ForkDrainSpinlock(FORK_RANK Rank, OV_SPINLOCK_T *Spin, const struct tim
     return IsFree;
 }
 
-constinit const FORK_KIND FORK_MUTEX::MOMENT = {nullptr, Take, GiveBack, Free};
-constinit const FORK_KIND FORK_MUTEX::LONG = {nullptr, nullptr, nullptr, Free};
+#ifndef NDEBUG
+static thread_local uint8_t s_HeldRanks[FORK_RANK_COUNT];
+
+void _OV_ForkOrderEnter(FORK_RANK Rank)
+{
+    for (int Later = Rank + 1; Later < FORK_RANK_COUNT; Later++) {
+        OV_ASSERT_AT(s_HeldRanks[Later] == 0 || _OV_ForkIsMine(), "lock order", "orvaneFork", Later,
+                     __func__);
+    }
+    s_HeldRanks[Rank]++;
+}
+
+void _OV_ForkOrderLeave(FORK_RANK Rank)
+{
+    s_HeldRanks[Rank]--;
+}
+#endif
+
+bool _OV_ForkIsMine()
+{
+    return s_ForkingThread == pthread_self();
+}
+
+/* By FORK_HOLD. */
+constinit const FORK_KIND FORK_MUTEX::KINDS[] = {{nullptr, Take, GiveBack, Free},
+                                                 {nullptr, TakeSoon, GiveBack, Free},
+                                                 {nullptr, nullptr, nullptr, Free}};
+
+bool FORK_MUTEX::TakeSoon(FORK_NODE *Node, const struct timespec & /*Deadline*/)
+{
+    return Take(Node, {0, 0});
+}
 
 bool FORK_MUTEX::Take(FORK_NODE *Node, const struct timespec &Deadline)
 {
@@ -211,7 +260,10 @@ bool FORK_MUTEX::Take(FORK_NODE *Node, const struct timespec &Deadline)
 
 void FORK_MUTEX::GiveBack(FORK_NODE *Node)
 {
-    static_cast<FORK_MUTEX *>(Node)->Unlock();
+    auto *Self = static_cast<FORK_MUTEX *>(Node);
+
+    Self->Leave();
+    OV_MutexUnlock(&Self->Mutex);
 }
 
 /* A recursive mutex knows its owner by a number that the child's thread does not have: it is made
@@ -233,7 +285,8 @@ void FORK_MUTEX::Free(FORK_NODE *Node)
     Self->Depth = 0;
     Self->IsLost = false;
     for (; Held > 0; Held--) {
-        Self->Lock();
+        OV_MutexLock(&Self->Mutex);
+        Self->Enter();
     }
 }
 

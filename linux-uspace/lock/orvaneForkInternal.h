@@ -8,6 +8,8 @@
  *
  *   HELD_FOR_A_MOMENT  The fork takes it first: what it guards is whole in the child. Nobody may
  *                      wait for a peer or a callback while holding it.
+ *   HELD_FOR_A_CALLBACK  The fork takes it when it gets it soon: somebody runs a callback under it.
+ *                      IsTorn tells the child.
  *   HELD_FOR_LONG      The fork does not wait for it. What it guards may be half changed: the
  *                      lock's InChild puts it right.
  *
@@ -30,7 +32,8 @@
 #include <stdint.h>
 #include <time.h>
 
-/* The order of all locks: what stands first is taken first, by threads and by a fork. */
+/* The order of all locks: what stands first is taken first, by a fork, and by threads where one
+ * lock is taken under another. */
 enum FORK_RANK : uint8_t {
     FORK_RANK_RCU_READER,
     FORK_RANK_RCU,       /* readers, which are waited for, may take what follows */
@@ -40,6 +43,8 @@ enum FORK_RANK : uint8_t {
     FORK_RANK_DISPATCH_PUSH,
     FORK_RANK_DISPATCH_STATE,
     FORK_RANK_IMC_EXCHANGE,
+    FORK_RANK_IMC_SOCKET,
+    FORK_RANK_COMMAND_PIPE,
     FORK_RANK_GATE,
     FORK_RANK_VISITORS,
     FORK_RANK_MONITOR_CONTROL,
@@ -56,10 +61,11 @@ enum FORK_RANK : uint8_t {
     FORK_RANK_MEMORY_MODULES,
     FORK_RANK_MEMORY_MODULE,
     FORK_RANK_SYSTEM_LOG,
-    FORK_RANK_TIME_ZONE
+    FORK_RANK_TIME_ZONE,
+    FORK_RANK_COUNT
 };
 
-enum FORK_HOLD : uint8_t { HELD_FOR_A_MOMENT, HELD_FOR_LONG };
+enum FORK_HOLD : uint8_t { HELD_FOR_A_MOMENT, HELD_FOR_A_CALLBACK, HELD_FOR_LONG };
 
 struct FORK_NODE;
 
@@ -105,6 +111,19 @@ inline void _OV_ForkGiveWay()
     }
 }
 
+/* In builds for debugging a lock that a fork takes, and that is taken against the order, stops the
+ * process with the assertion "lock order": a fork and this thread would wait for each other. */
+#ifdef NDEBUG
+inline void _OV_ForkOrderEnter(FORK_RANK) {}
+inline void _OV_ForkOrderLeave(FORK_RANK) {}
+#else
+void _OV_ForkOrderEnter(FORK_RANK Rank);
+void _OV_ForkOrderLeave(FORK_RANK Rank);
+#endif
+
+/* Whether this thread is making a fork: it has all that it took, for the program's own handlers. */
+bool _OV_ForkIsMine();
+
 /* Up to which rank a fork has closed the spin locks, -1: none. It does not hold them: there may be
  * hundreds. */
 extern std::atomic<int> g_ForkClosedRank;
@@ -125,15 +144,25 @@ class FORK_MUTEX : private FORK_NODE {
 
     void Lock()
     {
-        _OV_ForkNoteOnce(this, FirstRank, Hold == HELD_FOR_LONG ? &LONG : &MOMENT, FirstInChild);
+        _OV_ForkNoteOnce(this, FirstRank, &KINDS[Hold], FirstInChild);
         _OV_ForkGiveWay();
-        OV_MutexLock(&Mutex);
+        if (Hold != HELD_FOR_LONG && Owner != pthread_self()) {
+            _OV_ForkOrderEnter(FirstRank);
+        }
+        if (!(IsTaken && _OV_ForkIsMine())) { /* a child's thread is not known as the owner yet */
+            OV_MutexLock(&Mutex);
+        }
         Enter();
     }
     void Unlock()
     {
+        if (Hold != HELD_FOR_LONG && Depth == 1) {
+            _OV_ForkOrderLeave(FirstRank);
+        }
         Leave();
-        OV_MutexUnlock(&Mutex);
+        if (!(IsTaken && _OV_ForkIsMine())) {
+            OV_MutexUnlock(&Mutex);
+        }
     }
     /* In a child whose thread does not go on with what it had the lock for. */
     void UnlockWholly()
@@ -155,8 +184,8 @@ class FORK_MUTEX : private FORK_NODE {
 
   private:
     friend class FORK_CONDITION;
-    static const FORK_KIND MOMENT;
-    static const FORK_KIND LONG;
+    static const FORK_KIND KINDS[];
+    static bool TakeSoon(FORK_NODE *Node, const struct timespec &Deadline);
     static bool Take(FORK_NODE *Node, const struct timespec &Deadline);
     static void GiveBack(FORK_NODE *Node);
     static void Free(FORK_NODE *Node);
@@ -195,8 +224,10 @@ class FORK_SPINLOCK : private FORK_NODE {
     {
         _OV_ForkNoteOnce(this, RANK, &KIND);
         _OV_ForkGiveWay();
+        _OV_ForkOrderEnter(RANK);
         OV_SpinLock_BH(&Spin);
-        while (g_ForkClosedRank >= RANK) { /* asked when it is held: the fork has not passed it */
+        /* Asked when it is held: the fork has not passed it. */
+        while (g_ForkClosedRank >= RANK && !_OV_ForkIsMine()) {
             OV_SpinUnlock_BH(&Spin);
             _OV_ForkStandBack();
             OV_SpinLock_BH(&Spin);
@@ -204,6 +235,7 @@ class FORK_SPINLOCK : private FORK_NODE {
     }
     void Unlock()
     {
+        _OV_ForkOrderLeave(RANK);
         OV_SpinUnlock_BH(&Spin);
     }
     /* The caller keeps it for ever: a child has it held, too. */
@@ -232,7 +264,7 @@ class FORK_SPINLOCK : private FORK_NODE {
     }
     static void Free(FORK_NODE *Node)
     {
-        if (!Node->IsTaken && !Node->IsLost) {
+        if (!Node->IsLost) { /* also when it was drained: somebody may just have looked in */
             Make(Node);
         }
     }
@@ -241,7 +273,7 @@ class FORK_SPINLOCK : private FORK_NODE {
     OV_SPINLOCK_T Spin = 0;
 };
 
-/* A read-write lock, held for long: InChild has to take again what the forking thread had. */
+/* A read-write lock, held for long. In a child it is free, also of what the forking thread had. */
 class FORK_RWLOCK : private FORK_NODE {
   public:
     constexpr FORK_RWLOCK(FORK_RANK OwnRank, void (*OwnInChild)())

@@ -155,12 +155,12 @@ static FILE *_StreamOf(_OV_LOG_HANDLE_ *Handle)
 static uint32_t OV_PRINTF_LIKE(2, 0)
     _WriteToOutput(const char *Stamp, const char *Format, va_list Args)
 {
-    const MUTEX_SCOPE Lock(s_OutputLock);
-
-    flockfile(stdout);
+    flockfile(stdout); /* first: the program may have it already, for several lines of its own */
+    s_OutputLock.Lock();
     const int Stamped = fputs(Stamp, stdout) < 0 ? 0 : static_cast<int>(strlen(Stamp));
     const int Printed = vfprintf(stdout, Format, Args);
     fflush(stdout);
+    s_OutputLock.Unlock();
     funlockfile(stdout);
     return static_cast<uint32_t>(Stamped) + static_cast<uint32_t>(Printed < 0 ? 0 : Printed);
 }

@@ -3,6 +3,7 @@
 #include "orvaneForeignInternal.h"
 #include "orvaneSafeStr.h"
 
+#include <algorithm>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -22,6 +23,9 @@ struct tm *_OV_LocalTime(const time_t *Second, struct tm *Date)
 {
     const MUTEX_SCOPE Zone(g_TimeZoneLock);
 
+    if (g_TimeZoneLock.IsTorn()) {
+        return nullptr; /* libc's own lock may be held for ever */
+    }
     tzset();
     return localtime_r(Second, Date);
 }
@@ -123,7 +127,9 @@ LOG_LINE_SIZES _OV_LogLineWrite(FILE *Stream, bool *IsTorn, const char *Stamp, c
         if (Long) {
             Line = Long.get();
             memcpy(Line, Short, Head);
-            vsnprintf(Line + Head, Text + 1, Format, Again);
+            const int Second = vsnprintf(Line + Head, Text + 1, Format, Again);
+            /* An argument may have become shorter since. */
+            Size = Head + std::min(Text, static_cast<size_t>(std::max(Second, 0)));
         } else { /* no memory for all of it: what there is, as a line */
             Size = sizeof(Short) - 1;
             Line[Size - 1] = '\n';
