@@ -8,8 +8,7 @@
  *   and calls the handler of the message's module. It reconnects once after each failure, at once,
  *   and ends for good when that fails: see OV_DispatchClientIsListening. It keeps each descriptor
  *   that it replaced until it ends: a server that accepts and closes over and over costs one each
- *   time. While a handler runs it is registered with RCU, and a fork waits for it, for a second at
- *   most.
+ *   time. While a handler runs it is registered with RCU.
  *
  * The server is trusted: nobody but the appliance's own service may listen on the two ports.
  * Nothing proves who does, and the length of a message has no bound: whoever listens may keep
