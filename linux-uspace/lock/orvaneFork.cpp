@@ -13,7 +13,7 @@ static constexpr long NAP_NANOSECONDS = 20000; /* of a fork, between two tries *
 
 /* One fork at a time: they share the marks in the nodes. */
 static pthread_mutex_t s_ForkLock = PTHREAD_MUTEX_INITIALIZER;
-static std::atomic<pthread_t> s_ForkingThread; /* 0: none. It has s_NotesLock. */
+std::atomic<pthread_t> g_ForkingThread;
 std::atomic<int> g_ForksPending;
 std::atomic<int> g_ForkClosedRank{-1};
 
@@ -83,7 +83,7 @@ static void _Prepare()
         _TakeAll(Deadline);
         _LockNotes();
         if (s_NodeCount == Count) {
-            s_ForkingThread = pthread_self();
+            g_ForkingThread = pthread_self();
             return;
         }
         _UnlockNotes();
@@ -93,7 +93,7 @@ static void _Prepare()
 
 static void _InParent()
 {
-    s_ForkingThread = 0;
+    g_ForkingThread = 0;
     _UnlockNotes();
     _GiveBackAll();
     OV_MUTEX_ASSERT(pthread_mutex_unlock(&s_ForkLock));
@@ -103,7 +103,7 @@ static void _InParent()
 
 static void _InChild()
 {
-    s_ForkingThread = 0;
+    g_ForkingThread = 0;
     _UnlockNotes();
     OV_MUTEX_ASSERT(pthread_mutex_unlock(&s_ForkLock));
     g_ForksPending = 0;
@@ -231,11 +231,6 @@ void _OV_ForkOrderLeave(FORK_RANK Rank)
     s_HeldRanks[Rank]--;
 }
 #endif
-
-bool _OV_ForkIsMine()
-{
-    return s_ForkingThread == pthread_self();
-}
 
 /* By FORK_HOLD. */
 constinit const FORK_KIND FORK_MUTEX::KINDS[] = {{nullptr, Take, GiveBack, Free},

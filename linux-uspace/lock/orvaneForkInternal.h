@@ -122,7 +122,11 @@ void _OV_ForkOrderLeave(FORK_RANK Rank);
 #endif
 
 /* Whether this thread is making a fork: it has all that it took, for the program's own handlers. */
-bool _OV_ForkIsMine();
+extern std::atomic<pthread_t> g_ForkingThread; /* 0: none. It has the list of nodes, too. */
+inline bool _OV_ForkIsMine()
+{
+    return g_ForkingThread.load(std::memory_order_relaxed) == pthread_self();
+}
 
 /* Up to which rank a fork has closed the spin locks, -1: none. It does not hold them: there may be
  * hundreds. */
@@ -149,7 +153,7 @@ class FORK_MUTEX : private FORK_NODE {
         if (Hold != HELD_FOR_LONG && Owner != pthread_self()) {
             _OV_ForkOrderEnter(FirstRank);
         }
-        if (!(IsTaken && _OV_ForkIsMine())) { /* a child's thread is not known as the owner yet */
+        if (!(_OV_ForkIsMine() && IsTaken)) { /* a child's thread is not known as the owner yet */
             OV_MutexLock(&Mutex);
         }
         Enter();
@@ -160,7 +164,7 @@ class FORK_MUTEX : private FORK_NODE {
             _OV_ForkOrderLeave(FirstRank);
         }
         Leave();
-        if (!(IsTaken && _OV_ForkIsMine())) {
+        if (!(_OV_ForkIsMine() && IsTaken)) {
             OV_MutexUnlock(&Mutex);
         }
     }
