@@ -100,8 +100,10 @@ TEST_F(AgentTest, WorksAndLeavesNothingOfItsOwn)
     EXPECT_TRUE(Says(AGENT, "agent: the dispatch service is gone\n"));
     StartServices("", RELAY_NO_BYPASS);
     EXPECT_TRUE(Says(AGENT, "agent: the dispatch service is back\n"));
-    Output("echo up lan1 >/tmp/told");
-    EXPECT_TRUE(Says(AGENT, "agent: event: interface lan1 up\n"));
+    EXPECT_TRUE(WaitUntil([] { /* the service may not have taken its connection yet */
+        Output("echo up lan1 >/tmp/told");
+        return Contains(ReadFile(AGENT), "agent: event: interface lan1 up\n");
+    }));
     kill(Agent, SIGTERM);
     EXPECT_EQ(WaitForProcess(Agent), 0) << ReadFile(AGENT);
     EXPECT_EQ(Output(RULES), "50:all main\n240:all default\n50:all main\n240:all default\n");

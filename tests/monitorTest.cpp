@@ -593,12 +593,16 @@ TEST_F(MonitorTest, WhoeverRegistersFirstIsToldOfEachLinkOnce)
 /* The kernel refuses a dump while another runs; that stops no event. */
 TEST_F(MonitorTest, RefusedAddressRequestsDelayNothing)
 {
-    Start(Keep);
+    s_Hold = true;
+    Start(Hold);
+    Ip("link set v0 mtu 1400");
+    EXPECT_TRUE(WaitUntil([] { return s_IsInside.load(); })); /* so that no dump gets on */
     s_PauseCount = 0;
-    for (int Time = 0; Time < 30; Time++) {
-        OV_RTCMonitorSendAddrRequest();
+    for (int Time = 0; Time < 60; Time++) {
         OV_RTCMonitorSendAddrRequest();
     }
+    s_Hold = false;
+    ASSERT_EQ(OV_RTCGenlMonitorRegCallback(Keep), 1);
     ASSERT_TRUE(Ip("route add 7.1.0.0/16 dev v0"));
     EXPECT_TRUE(
         WaitUntil([] { return Saw("add 7.1.0.0/16 via '' dev 'v0' table 254 proto 3 metric 0"); }));
