@@ -368,9 +368,13 @@ static void AnswerRequests(int Socket)
     }
 }
 
+/* And takes what is pushed: a push waits for who does not. */
 static void FloodNotifications(int Socket)
 {
+    char Pushed[65536];
+
     while (SendBytes(Socket, Frame("note"))) {
+        recv(Socket, Pushed, sizeof(Pushed), MSG_DONTWAIT);
         usleep(100);
     }
 }
