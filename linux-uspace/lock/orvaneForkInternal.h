@@ -4,14 +4,16 @@
  *
  * A child has one thread, and memory as all threads of its parent left it at that moment. So each
  * process-wide lock of the library is one of the types below. It notes itself at its first use, and
- * is then seen to at every fork in one of two ways, which its definition has to choose between:
+ * is then seen to at every fork in one of three ways, which its definition has to choose between:
  *
- *   HELD_FOR_A_MOMENT  The fork takes it first: what it guards is whole in the child. Nobody may
- *                      wait for a peer or a callback while holding it.
- *   HELD_FOR_A_CALLBACK  The fork takes it when it gets it soon: somebody runs a callback under it.
- *                      IsTorn tells the child.
- *   HELD_FOR_LONG      The fork does not wait for it. What it guards may be half changed: the
- *                      lock's InChild puts it right.
+ *   HELD_FOR_A_MOMENT    The fork takes it first: what it guards is whole in the child. Nobody may
+ *                        wait for a peer or a callback while holding it.
+ *   HELD_FOR_A_CALLBACK  The fork takes it when it gets it within 20 ms: somebody runs a callback
+ *                        under it. IsTorn tells the child.
+ *   HELD_FOR_LONG        The fork does not wait for it. What it guards may be half changed: the
+ *                        lock's InChild puts it right.
+ *
+ * Spin locks are held for a moment; a fork closes them and waits until nobody is inside.
  *
  * In the child every lock is free, but for those that the forking thread itself had: it goes on
  * with them. Then the InChild functions run, in the order of the ranks; they may take locks.
